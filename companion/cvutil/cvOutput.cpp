@@ -222,15 +222,14 @@ int NwGetOutputLevel() { return NwOutputStream::ourLevel.load(std::memory_order_
 
 namespace {
 
-// Runs `action` on the target. A target that throws loses its text and nothing else; a thread that is being cancelled inside
-// it has to be let go on unwinding.
+// Runs `action` on the target. A target that throws loses its text and nothing else. A thread that is cancelled inside it
+// unwinds as if by an exception, one without a C++ type, and has to be let go on.
 template <class Action>
 void guarded(Action action) {
     try {
         action();
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (...) {
+        if (!abi::__cxa_current_exception_type()) throw;
     }
 }
 
