@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Buffered lines on standard output, single lines on standard error.
+#include "output.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "failure.h"
+#include "stop_signal.h"
+#include "text.h"
+
+namespace cvnet {
+namespace {
+
+// Large enough that a flood costs few system calls, small enough to be nothing.
+constexpr std::size_t kWriteSize = 32768;
+
+constexpr std::size_t kFallbackRows = 24;
+constexpr std::size_t kFallbackColumns = 80;
+
+std::string& errorPrefix() {
+    static std::string prefix = "cvnet";
+    return prefix;
+}
+
+bool coloursWanted() {
+    const char* noColour = std::getenv("NO_COLOR");
+    const char* term = std::getenv("TERM");
+    return (noColour == nullptr || *noColour == '\0') && term != nullptr && std::string_view(term) != "dumb";
+}
+
+struct Window {
+    std::size_t rows = kFallbackRows;
+    std::size_t columns = kFallbackColumns;
+};
+
+Window window() {
+    winsize size{};
+    Window result;
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 1 && size.ws_col > 1) {
+        result.rows = size.ws_row;
+        result.columns = size.ws_col;
+    }
+    return result;
+}
+
+}  // namespace
+
+Output::Output() : terminal_(::isatty(STDOUT_FILENO) == 1), colours_(terminal_ && coloursWanted()) {}
+
+void Output::line(std::string_view text) {
+    pending_ += text;
+    pending_ += '\n';
+    if (pending_.size() >= kWriteSize) flush();
+}
+
+void Output::draw(std::string_view lines) {
+    erase();
+    const Window space = window();
+    while (!lines.empty() && drawnLines_ + 1 < space.rows) {
+        const std::size_t end = lines.find('\n');
+        line(lines.substr(0, end).substr(0, space.columns - 1));
+        ++drawnLines_;
+        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+    }
+    flush();
+}
+
+void Output::erase() {
+    if (drawnLines_ != 0) pending_ += fmt::format("\x1b[{}A\x1b[J", drawnLines_);
+    drawnLines_ = 0;
+}
+
+void Output::flush() {
+    if (pending_.empty()) return;
+    write(pending_);
+    pending_.clear();
+}
+
+void Output::write(std::string_view text) {
+    while (!text.empty() && !closed_) {
+        const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+        const int error = errno;
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (error == EPIPE) {
+            closed_ = true;
+        } else if (error == EINTR) {
+            // A reader that has stopped reading must not keep Ctrl-C from working.
+            if (StopSignal::raised()) closed_ = true;
+        } else {
+            closed_ = true;
+            throw Failure("cannot write to standard output: " + errorText(error));
+        }
+    }
+}
+
+std::string Output::styled(int sgr, std::string_view text) const {
+    return colours_ ? fmt::format("\x1b[{}m{}\x1b[0m", sgr, text) : std::string(text);
+}
+
+bool errorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+void errorLine(std::string_view text) {
+    const std::string line = fmt::format("{}: {}\n", errorPrefix(), text);
+    // One write keeps the line whole; when standard error itself is gone there is no one left to tell.
+    if (::write(STDERR_FILENO, line.data(), line.size()) < 0) return;
+}
+
+void warningLine(std::string_view text) { errorLine(fmt::format("warning: {}", text)); }
+
+void setErrorPrefix(std::string_view prefix) { errorPrefix() = prefix; }
+
+}  // namespace cvnet

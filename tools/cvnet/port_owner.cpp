@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// The kernel lists sockets with their inode numbers; a process shows them as links in /proc/<pid>/fd.
+#include "port_owner.h"
+
+#include <arpa/inet.h>
+#include <cctype>
+#include <cstdlib>
+#include <dirent.h>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <unistd.h>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "text.h"
+
+namespace cvnet {
+namespace {
+
+using Inodes = std::set<std::string>;
+
+// Whether a socket bound to the address text of /proc/net/udp (or udp6) takes datagrams to `wanted`.
+bool takes(const std::string& boundHex, NwIpv4Addr wanted) {
+    constexpr std::size_t ipv4Digits = 8;
+    if (boundHex.find_first_not_of('0') == std::string::npos || wanted == 0) return true;
+    if (boundHex.size() != ipv4Digits) return false;
+    // The kernel prints the address as a number in its own byte order.
+    return ntohl(static_cast<NwIpv4Addr>(std::strtoul(boundHex.c_str(), nullptr, 16))) == wanted;
+}
+
+void collectInodes(const char* table, unsigned port, NwIpv4Addr addrHostOrder, Inodes& inodes) {
+    std::ifstream file(table);
+    std::string line;
+    std::getline(file, line);  // headings
+    while (std::getline(file, line)) {
+        std::istringstream columns(line);
+        std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
+        columns >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >> timeout >> inode;
+        const std::size_t colon = local.find(':');
+        if (colon == std::string::npos || inode.empty() || inode == "0") continue;
+        if (std::strtoul(local.c_str() + colon + 1, nullptr, 16) != port) continue;
+        if (takes(local.substr(0, colon), addrHostOrder)) inodes.insert(inode);
+    }
+}
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+std::vector<std::string> entriesOf(const std::string& path) {
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
+    if (!directory) return names;
+    while (const dirent* entry = ::readdir(directory.get())) {
+        if (std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) names.emplace_back(entry->d_name);
+    }
+    return names;
+}
+
+bool holdsOneOf(const std::string& pid, const Inodes& inodes) {
+    const std::string folder = fmt::format("/proc/{}/fd", pid);
+    for (const std::string& fd : entriesOf(folder)) {
+        char target[64];  // "socket:[4294967295]" and shorter; longer ones are no sockets
+        const ssize_t length = ::readlink((folder + "/" + fd).c_str(), target, sizeof target);
+        if (length <= 0) continue;
+        const std::string link(target, static_cast<std::size_t>(length));
+        if (link.compare(0, 8, "socket:[") != 0 || link.back() != ']') continue;
+        if (inodes.count(link.substr(8, link.size() - 9)) != 0) return true;
+    }
+    return false;
+}
+
+std::string commandOf(const std::string& pid) {
+    std::ifstream file(fmt::format("/proc/{}/comm", pid));
+    std::string command;
+    std::getline(file, command);
+    return printable(command);
+}
+
+}  // namespace
+
+std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder) {
+    Inodes inodes;
+    collectInodes("/proc/self/net/udp", port, addrHostOrder, inodes);
+    collectInodes("/proc/self/net/udp6", port, addrHostOrder, inodes);
+    if (inodes.empty()) return std::nullopt;
+    const std::string self = std::to_string(::getpid());
+    for (const std::string& pid : entriesOf("/proc")) {
+        if (pid == self || !holdsOneOf(pid, inodes)) continue;
+        return PortOwner{std::atoi(pid.c_str()), commandOf(pid)};
+    }
+    return PortOwner{};
+}
+
+std::string portOwnerText(const PortOwner& owner) {
+    if (owner.pid == 0) return "a process that this user may not look into";
+    return fmt::format("process {} ({})", owner.pid, owner.command);
+}
+
+}  // namespace cvnet

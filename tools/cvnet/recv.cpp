@@ -1,0 +1,518 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Packets come one by one from an NwNetSocket that does not block; when there are none, the tool waits for
+// the descriptor, for Ctrl-C, or for the next thing that is due.
+#include "recv.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <optional>
+#include <string>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <map>
+#include <vector>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <fmt/format.h>
+
+#include "address.h"
+#include "capture_writer.h"
+#include "failure.h"
+#include "json_line.h"
+#include "kernel_drops.h"
+#include "library.h"
+#include "options.h"
+#include "output.h"
+#include "port_owner.h"
+#include "receiving_socket.h"
+#include "stop_signal.h"
+#include "tally.h"
+#include "text.h"
+
+namespace cvnet {
+namespace {
+
+constexpr double kMaxSeconds = 1e9;
+constexpr auto kRedrawPeriod = std::chrono::milliseconds(500);
+constexpr auto kHintAfter = std::chrono::seconds(5);
+constexpr const char* kHeaderTestOption = "--no-header-test";
+
+struct RecvOptions {
+    PortOption port;
+    std::vector<std::string> groups;
+    std::string bind;
+    InterfaceOption interface;
+    FilterOptions filters;
+    bool noHeaderTest = false;
+    bool summary = false;
+    std::string write;
+    int rcvbufBytes = 0;
+    double idleSeconds = 0.0;
+    LimitOptions limits;
+    ReportOptions report;
+};
+
+// What the addresses on the command line come to.
+struct Place {
+    explicit Place(const RecvOptions& options);
+
+    std::vector<NwIpv4Addr> groups;
+    NwIpv4Addr bindTo = 0;
+    NwIpv4Addr device = 0;
+
+    NwIpv4Addr constructorAddress() const { return bindTo != 0 ? bindTo : groups.empty() ? 0 : groups.front(); }
+    std::string text() const;
+};
+
+Place::Place(const RecvOptions& options) : groups(addressesFromTexts(options.groups, "--group")) {
+    for (NwIpv4Addr group : groups) {
+        if (!NwIsMulticastAddr(group)) {
+            throw UsageFailure(fmt::format("--group: {} is no multicast address (224.0.0.0 to 239.255.255.255)", addressText(group)));
+        }
+    }
+    if (!options.bind.empty()) bindTo = addressFromText(options.bind, "--bind");
+    const bool sameGroup = groups.empty() || (groups.size() == 1 && groups.front() == bindTo);
+    if (bindTo != 0 && !sameGroup) {
+        throw UsageFailure(fmt::format("--bind {} keeps out what is sent to other addresses, so --group has to be that "
+                                       "one address or be left out",
+                                       addressText(bindTo)));
+    }
+    if (bindTo != 0 && groups.empty() && NwIsMulticastAddr(bindTo)) groups.push_back(bindTo);
+    device = options.interface.address();
+    if (device == 0 && !groups.empty()) device = NwFirstHostInetAddr();
+    if (device == 0 && !groups.empty()) {
+        throw Failure(fmt::format("no interface can broadcast, so there is no default one to join {} on: name one with "
+                                  "--interface (on this host: --interface lo)",
+                                  addressText(groups.front())));
+    }
+}
+
+std::string Place::text() const {
+    std::string text;
+    if (bindTo != 0) text += fmt::format(", bound to {}", addressText(bindTo));
+    for (NwIpv4Addr group : groups) text += fmt::format(", group {}", addressText(group));
+    if (!groups.empty()) text += fmt::format(" on {}", addressText(device));
+    return text;
+}
+
+unsigned boundPort(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
+    return ntohs(address.sin_port);
+}
+
+void setReceiveBuffer(ReceivingSocket& socket, int wantedBytes) {
+    if (wantedBytes == 0) return;
+    if (socket.setReceiveBufferSize(wantedBytes) != 0) {
+        const int error = errno;
+        throw Failure(fmt::format("--rcvbuf {}: {}", wantedBytes, errorText(error)));
+    }
+    int granted = 0;
+    socklen_t length = sizeof granted;
+    if (::getsockopt(socket.readFd(), SOL_SOCKET, SO_RCVBUF, &granted, &length) != 0) return;
+    granted /= 2;  // the kernel doubles what is asked for, to pay for its own bookkeeping, and tells the double
+    if (granted < wantedBytes) {
+        warningLine(fmt::format("the kernel granted a receive buffer of {} bytes, not {} (see sysctl net.core.rmem_max)",
+                                granted, wantedBytes));
+    }
+}
+
+void joinFurtherGroups(ReceivingSocket& socket, const Place& place) {
+    for (NwIpv4Addr group : place.groups) {
+        if (group == place.constructorAddress()) continue;
+        if (socket.listenToMulticastGroup(group, NwUSE_DEFAULT_IP_ADDR) != 1) {
+            throw Failure(fmt::format("cannot join {} on {}: {}", addressText(group), addressText(place.device),
+                                      takeLibraryReason("refused")));
+        }
+    }
+}
+
+std::unique_ptr<ReceivingSocket> openSocket(const RecvOptions& options, const Place& place) {
+    const auto owner = options.port.port == 0
+                           ? std::nullopt
+                           : portOwner(static_cast<unsigned>(options.port.port), place.bindTo);
+    int modeBits = NwNetSocketRead | NwNetSocketQuietStart;
+    if (place.bindTo != 0) modeBits |= NwNetSocketBindToDest;
+    takeLibraryWarning();
+    auto socket = std::make_unique<ReceivingSocket>(options.port.port, place.constructorAddress(),
+                                                    static_cast<unsigned char>(modeBits), place.device);
+    if (!socket->isOk()) {
+        throw Failure(fmt::format("cannot listen on port {}{}: {}{}", options.port.port,
+                                  place.bindTo != 0 ? " of " + addressText(place.bindTo) : "", takeLibraryReason("refused"),
+                                  owner ? ", it is open in " + portOwnerText(*owner) : ""));
+    }
+    // Joining the first group is part of the construction, which does not report it.
+    if (!place.groups.empty()) {
+        const std::string warning = takeLibraryWarning();
+        if (!warning.empty()) throw Failure(fmt::format("cannot join {}: {}", addressText(place.groups.front()), warning));
+    }
+    joinFurtherGroups(*socket, place);
+    if (owner) {
+        warningLine(fmt::format("port {} is already open in {}: a unicast datagram reaches only one of them",
+                                options.port.port, portOwnerText(*owner)));
+    }
+    setReceiveBuffer(*socket, options.rcvbufBytes);
+    if (options.noHeaderTest) socket->enableDisHeaderTest(false);
+    socket->NwBecomeNonBlocking();
+    return socket;
+}
+
+// Where packets from a source were sent to, as far as a receiver can know.
+class Destinations {
+public:
+    explicit Destinations(const Place& place) {
+        // Bound to an address, or with one group, that is it (a group's host may get unicast too, rarely).
+        if (place.bindTo != 0) only_ = place.bindTo;
+        if (place.groups.size() == 1) only_ = place.groups.front();
+    }
+
+    NwIpv4Addr of(NwIpv4Addr source) {
+        if (only_ != 0) return only_;
+        if (known_.size() == kMaxKnown) known_.clear();
+        const auto [entry, isNew] = known_.emplace(source, 0);
+        if (isNew) entry->second = localAddressTowards(source);
+        return entry->second;
+    }
+
+private:
+    static constexpr std::size_t kMaxKnown = 1000;
+
+    NwIpv4Addr only_ = 0;
+    std::map<NwIpv4Addr, NwIpv4Addr> known_;
+};
+
+// One run: receives, tells, saves, and knows when it is over.
+class Receiver {
+public:
+    Receiver(const RecvOptions& options, Output& out);
+
+    void announce();
+    void receiveAll();
+    void printTotals();
+
+private:
+    using Seconds = std::chrono::duration<double>;
+
+    bool receiveOne();
+    void deliver(const PduView& packet);
+    void save(const PduView& packet);
+    std::string lineOf(const PduView& packet) const;
+    std::string oddText(const PduView& packet) const;
+    std::string jsonOf(const PduView& packet) const;
+
+    bool isOver(Clock::time_point now) const;
+    void doWhatIsDue(Clock::time_point now);
+    std::optional<Clock::time_point> nextEvent() const;
+    void idle();
+    void showHint();
+    void drawSummary();
+
+    bool showsLines() const { return !options_.summary && !options_.report.quiet; }
+    bool drawsSummary() const {
+        return options_.summary && out_.isTerminal() && !options_.report.json && !options_.report.quiet;
+    }
+    double activeSeconds() const { return datagramsSeen_ == 0 ? 0.0 : Seconds(lastArrival_ - firstArrival_).count(); }
+    std::string totalsText() const;
+    std::string oddTotalsText() const;
+    std::string totalsJson() const;
+    static Clock::duration duration(double seconds) {
+        return std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
+    }
+
+    const RecvOptions& options_;
+    Output& out_;
+    Filters filters_;
+    Place place_;
+    std::unique_ptr<CaptureWriter> writer_;
+    std::unique_ptr<ReceivingSocket> socket_;
+    Destinations destinations_;
+    Tally tally_;
+    std::uint64_t refused_ = 0;
+    std::uint64_t datagramsSeen_ = 0;
+
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point lastHeard_ = start_;  // for --idle
+    Clock::time_point firstArrival_ = start_;
+    Clock::time_point lastArrival_ = start_;
+    Clock::time_point redrawDue_ = start_;
+    bool hintShown_ = false;
+};
+
+Receiver::Receiver(const RecvOptions& options, Output& out)
+    : options_(options), out_(out), filters_(options.filters), place_(options), destinations_(place_) {
+    if (!options_.write.empty()) writer_ = std::make_unique<CaptureWriter>(options_.write);
+    socket_ = openSocket(options_, place_);
+    applyFilter(socket_->protocolVersion(), filters_.version);
+    applyFilter(socket_->exerciseId(), filters_.exercise);
+    applyFilter(socket_->pduKind(), filters_.type);
+    applyFilter(socket_->ipAddr(), filters_.from);
+}
+
+void Receiver::announce() {
+    const unsigned port = boundPort(socket_->readFd());
+    if (options_.report.json) {
+        nlohmann::ordered_json groups = nlohmann::ordered_json::array();
+        for (NwIpv4Addr group : place_.groups) groups.push_back(addressText(group));
+        out_.line(jsonLine({{"event", "listening"}, {"port", port}, {"bind", addressText(place_.bindTo)}, {"groups", groups}}));
+    } else {
+        out_.line(fmt::format("listening on port {}{}", port, place_.text()));
+    }
+    out_.flush();
+    start_ = lastHeard_ = redrawDue_ = Clock::now();
+}
+
+void Receiver::receiveAll() {
+    for (Clock::time_point now = Clock::now(); !isOver(now); now = Clock::now()) {
+        doWhatIsDue(now);
+        if (!receiveOne()) idle();
+    }
+    out_.flush();
+    if (writer_) writer_->flush();
+}
+
+// Receives until a packet has been looked at, delivered or refused; false when there is none.
+bool Receiver::receiveOne() {
+    char* bytes = nullptr;
+    int status = 0;
+    const int length = socket_->NwRecv(&bytes, &status);
+    if (socket_->datagrams() != datagramsSeen_) {
+        lastHeard_ = lastArrival_ = Clock::now();
+        if (datagramsSeen_ == 0) firstArrival_ = lastArrival_;
+        datagramsSeen_ = socket_->datagrams();
+    }
+    if (status == -2) {
+        ++refused_;
+        return true;
+    }
+    if (status != 1) return socket_->dataLeftInCurrentBundle();
+    deliver(PduView(bytes, static_cast<std::size_t>(length)));
+    return true;
+}
+
+void Receiver::deliver(const PduView& packet) {
+    tally_.add(packet, socket_->datagrams(), {socket_->lastSourceInetAddr(), socket_->lastSourcePort()});
+    if (writer_) save(packet);
+    if (!showsLines()) return;
+    out_.line(options_.report.json ? jsonOf(packet) : lineOf(packet));
+}
+
+void Receiver::save(const PduView& packet) {
+    UdpDatagram datagram;
+    datagram.sourceHostOrder = socket_->lastSourceInetAddr();
+    datagram.sourcePort = socket_->lastSourcePort();
+    datagram.destinationHostOrder = destinations_.of(datagram.sourceHostOrder);
+    datagram.destinationPort = boundPort(socket_->readFd());
+    datagram.payload = Bytes{packet.bytes(), packet.lengthBytes()};
+    writer_->write(datagram, socket_->arrival());
+}
+
+std::string Receiver::lineOf(const PduView& packet) const {
+    std::string line = fmt::format("{} {:<21} DIS {} exercise {} {:<26} {} bytes",
+                                   timeOfDayText(socket_->arrival().tv_sec, socket_->arrival().tv_nsec),
+                                   endpointText(socket_->lastSourceInetAddr(), socket_->lastSourcePort()), packet.version(),
+                                   packet.exercise(), pduTypeText(packet.type()), packet.lengthBytes());
+    if (const auto id = packet.entity()) line += " entity " + entityText(*id);
+    const std::string odd = oddText(packet);
+    return odd.empty() ? line : line + " " + out_.styled(33, odd);
+}
+
+std::string Receiver::oddText(const PduView& packet) const {
+    switch (kindOf(packet)) {
+        case PacketKind::wholePdu:
+            return "";
+        case PacketKind::cutPdu:
+            return fmt::format("CUT: its length field says {}", packet.declaredLength());
+        case PacketKind::undividedRest:
+            break;
+    }
+    const std::string rest = fmt::format("UNDIVIDED REST: its length field says {}", packet.declaredLength());
+    return options_.noHeaderTest ? rest : fmt::format("{}; {} splits by the length fields alone", rest, kHeaderTestOption);
+}
+
+std::string Receiver::jsonOf(const PduView& packet) const {
+    constexpr double nanosecond = 1e-9;
+    const timespec& when = socket_->arrival();
+    nlohmann::ordered_json json = {
+        {"event", "pdu"},
+        {"time", static_cast<double>(when.tv_sec) + static_cast<double>(when.tv_nsec / 1000 * 1000) * nanosecond},
+        {"source", addressText(socket_->lastSourceInetAddr())},
+        {"port", socket_->lastSourcePort()},
+        {"version", packet.version()},
+        {"exercise", packet.exercise()},
+        {"type", packet.type()},
+        {"typeName", pduTypeName(packet.type())},
+        {"length", packet.lengthBytes()}};
+    if (const auto id = packet.entity()) {
+        json["entity"] = {{"site", id->site}, {"application", id->application}, {"entity", id->entity}};
+    }
+    const PacketKind kind = kindOf(packet);
+    if (kind != PacketKind::wholePdu) {
+        json["odd"] = kind == PacketKind::cutPdu ? "cut" : "undivided";
+        json["declaredLength"] = packet.declaredLength();
+    }
+    return jsonLine(json);
+}
+
+bool Receiver::isOver(Clock::time_point now) const {
+    return StopSignal::raised() || out_.closed() ||
+           (options_.limits.count != 0 && tally_.total().pdus >= options_.limits.count) ||
+           (options_.limits.seconds > 0.0 && now - start_ >= duration(options_.limits.seconds)) ||
+           (options_.idleSeconds > 0.0 && now - lastHeard_ >= duration(options_.idleSeconds));
+}
+
+std::optional<Clock::time_point> Receiver::nextEvent() const {
+    Clock::time_point next = Clock::time_point::max();
+    if (options_.limits.seconds > 0.0) next = std::min(next, start_ + duration(options_.limits.seconds));
+    if (options_.idleSeconds > 0.0) next = std::min(next, lastHeard_ + duration(options_.idleSeconds));
+    if (drawsSummary()) next = std::min(next, redrawDue_);
+    if (out_.isTerminal() && !hintShown_) next = std::min(next, start_ + kHintAfter);
+    if (next == Clock::time_point::max()) return std::nullopt;
+    return next;
+}
+
+void Receiver::doWhatIsDue(Clock::time_point now) {
+    if (drawsSummary() && now >= redrawDue_) {
+        drawSummary();
+        redrawDue_ = now + kRedrawPeriod;
+    }
+    if (out_.isTerminal() && !hintShown_ && now >= start_ + kHintAfter) showHint();
+}
+
+// Nothing is waiting in the socket: everything collected goes out before the wait.
+void Receiver::idle() {
+    if (writer_) writer_->flush();
+    out_.flush();
+    StopSignal::wait(socket_->readFd(), nextEvent());
+}
+
+void Receiver::showHint() {
+    hintShown_ = true;
+    if (datagramsSeen_ != 0) return;
+    errorLine(fmt::format("nothing has come for {} s. Does the sender use port {} and the interface that this host listens "
+                          "on{}? Does a firewall drop UDP here?",
+                          kHintAfter.count(), boundPort(socket_->readFd()),
+                          place_.groups.empty() ? " (groups need --group)" : " and the same group"));
+}
+
+void Receiver::drawSummary() { out_.draw(totalsText() + "\n" + oddTotalsText() + "\n" + tally_.fullTable(activeSeconds())); }
+
+std::string Receiver::totalsText() const {
+    const Count& total = tally_.total();
+    std::string text = fmt::format("received {} in {}", counted(total.pdus, "PDU"), counted(total.datagrams, "datagram"));
+    if (total.datagrams != 0) {
+        text += fmt::format(" ({:.2f} a datagram)", static_cast<double>(total.pdus) / static_cast<double>(total.datagrams));
+    }
+    return text + fmt::format(", {} from {} in {:.1f} s", counted(total.bytes, "byte"),
+                              counted(tally_.sourceCount(), "source"), activeSeconds());
+}
+
+std::string Receiver::oddTotalsText() const {
+    std::string text = fmt::format("refused by filters: {}; undivided rests: {}; cut: {}; too short: {}; mixed bundles: {}; ",
+                                   refused_, tally_.rests().pdus, tally_.cut().pdus,
+                                   socket_->tooShort() + socket_->empty(), socket_->mixed());
+    return text + kernelDropsText(kernelDrops(socket_->readFd()));
+}
+
+std::string Receiver::totalsJson() const {
+    nlohmann::ordered_json json = {{"event", "totals"},
+                                   {"pdus", tally_.total().pdus},
+                                   {"wholePdus", tally_.wholePdus()},
+                                   {"datagrams", tally_.total().datagrams},
+                                   {"bytes", tally_.total().bytes},
+                                   {"seconds", activeSeconds()},
+                                   {"datagramsRead", socket_->datagrams()},
+                                   {"refused", refused_},
+                                   {"undivided", tally_.rests().pdus},
+                                   {"cut", tally_.cut().pdus},
+                                   {"tooShort", socket_->tooShort()},
+                                   {"empty", socket_->empty()},
+                                   {"mixedBundles", socket_->mixed()},
+                                   {"kernelDrops", nullptr},
+                                   {"types", tally_.typesJson()},
+                                   {"exercises", tally_.exercisesJson()},
+                                   {"sources", tally_.sourcesJson()}};
+    if (const auto drops = kernelDrops(socket_->readFd())) json["kernelDrops"] = *drops;
+    return jsonLine(json);
+}
+
+void Receiver::printTotals() {
+    out_.erase();
+    if (options_.report.json) {
+        out_.line(totalsJson());
+    } else {
+        if (options_.summary) {
+            std::string table = tally_.fullTable(activeSeconds());
+            table.pop_back();  // its last end of line
+            out_.line(table);
+        }
+        out_.line(out_.styled(1, totalsText()));
+        out_.line(oddTotalsText());
+        if (!options_.noHeaderTest && (socket_->mixed() != 0 || tally_.rests().pdus != 0)) {
+            out_.line(fmt::format("hint: {} splits datagrams by the length fields alone, also where versions or exercises are mixed",
+                                  kHeaderTestOption));
+        }
+    }
+    out_.flush();
+}
+
+class RecvCommand : public Command {
+public:
+    const char* name() const override { return "recv"; }
+    const char* purpose() const override { return "Receive packets and show, count or save them"; }
+    void addOptions(CLI::App& app) override;
+    int run() override;
+
+private:
+    RecvOptions options_;
+};
+
+void RecvCommand::addOptions(CLI::App& app) {
+    options_.port.declareListening(app);
+    app.add_option("--group", options_.groups, "Join these multicast groups")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->type_name("ADDRESS,...");
+    app.add_option("--bind", options_.bind, "Take only what is sent to this address")->type_name("ADDRESS");
+    options_.interface.declare(app, "Interface to join groups on");
+    options_.filters.declare(app);
+    app.add_flag(kHeaderTestOption, options_.noHeaderTest,
+                 "Split bundles by the length fields alone, also where versions or exercises are mixed");
+    app.add_flag("--summary", options_.summary, "Show a table by type, exercise and source, no line per PDU");
+    app.add_option("--write", options_.write, "Save what is delivered as a capture (pcap)")->type_name("FILE");
+    app.add_option("--rcvbuf", options_.rcvbufBytes, "Ask for a receive buffer of BYTES")
+        ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+        ->type_name("BYTES");
+    app.add_option("--idle", options_.idleSeconds, "Stop when no datagram has come for S seconds")->type_name("S");
+    options_.limits.declare(app, "packets");
+    options_.report.declare(app);
+    app.footer("Examples:\n"
+               "  cvnet recv --port 3000 --exercise 1,2 --type '!Data'\n"
+               "  cvnet recv --group 239.1.2.3 --interface eth0 --summary\n"
+               "  cvnet recv --json --seconds 10 --write seen.pcap");
+}
+
+int RecvCommand::run() {
+    checkRange("--seconds", options_.limits.seconds, 0.0, kMaxSeconds);
+    checkRange("--idle", options_.idleSeconds, 0.0, kMaxSeconds);
+    Output out;
+    Receiver receiver(options_, out);
+    receiver.announce();
+    try {
+        receiver.receiveAll();
+    } catch (const Failure&) {
+        receiver.printTotals();
+        throw;
+    }
+    receiver.printTotals();
+    return kExitOk;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> makeRecvCommand() { return std::make_unique<RecvCommand>(); }
+
+}  // namespace cvnet

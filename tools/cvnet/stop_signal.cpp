@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// The signal handler, its pipe, and the one wait of the tool.
+#include "stop_signal.h"
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "failure.h"
+#include "text.h"
+
+namespace cvnet {
+namespace {
+
+volatile std::sig_atomic_t gRaised = 0;
+int gPipe[2] = {-1, -1};
+
+void onSignal(int) {
+    const int errnoBefore = errno;
+    gRaised = 1;
+    const char byte = 0;
+    // The pipe is full only when the waiter has been told often enough.
+    if (::write(gPipe[1], &byte, 1) < 0) errno = 0;
+    errno = errnoBefore;
+}
+
+timespec remaining(Clock::time_point until) {
+    const auto left = until - Clock::now();
+    const long long nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+    timespec result{};
+    if (nanoseconds > 0) {
+        result.tv_sec = static_cast<time_t>(nanoseconds / 1000000000);
+        result.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
+    }
+    return result;
+}
+
+}  // namespace
+
+void StopSignal::install() {
+    if (::pipe2(gPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        const int error = errno;
+        throw Failure("cannot open a pipe: " + errorText(error));
+    }
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);  // no SA_RESTART: a blocked write must see EINTR
+    sigemptyset(&action.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+    for (int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
+}
+
+bool StopSignal::raised() { return gRaised != 0; }
+
+bool StopSignal::wait(int fd, std::optional<Clock::time_point> until) {
+    pollfd watched[2] = {{gPipe[0], POLLIN, 0}, {fd, POLLIN, 0}};  // poll skips a negative descriptor
+    for (;;) {
+        if (raised()) return false;
+        const timespec left = until ? remaining(*until) : timespec{};
+        const int ready = ::ppoll(watched, 2, until ? &left : nullptr, nullptr);
+        const int error = errno;
+        if (ready >= 0) return (watched[1].revents & (POLLIN | POLLERR)) != 0;
+        if (error != EINTR) throw Failure("cannot wait: " + errorText(error));
+    }
+}
+
+}  // namespace cvnet

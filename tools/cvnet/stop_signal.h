@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Ctrl-C and SIGTERM as a descriptor to wait on: the handler sets a flag and writes one byte to a pipe.
+#ifndef CVNET_STOP_SIGNAL_H
+#define CVNET_STOP_SIGNAL_H
+
+#include <chrono>
+#include <optional>
+
+namespace cvnet {
+
+using Clock = std::chrono::steady_clock;
+
+class StopSignal {
+public:
+    /// Catches SIGINT, SIGTERM and SIGHUP and ignores SIGPIPE and SIGXFSZ (both come back as errors of the
+    /// write). A second signal ends the process the hard way. Call once, before any wait.
+    static void install();
+
+    /// Whether one has come.
+    static bool raised();
+
+    /// Waits until a signal comes, `fd` can be read (-1: no descriptor), or `until` (none: for ever).
+    /// True when `fd` can be read.
+    static bool wait(int fd, std::optional<Clock::time_point> until);
+};
+
+}  // namespace cvnet
+
+#endif
