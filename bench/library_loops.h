@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// The same work through the library, written as an application writes it: through an NwSocket.
+#ifndef BENCH_LIBRARY_LOOPS_H
+#define BENCH_LIBRARY_LOOPS_H
+
+#include <cvNetworkCompatibility/cvSocket.h>
+
+#include "bare_loops.h"
+#include "traffic.h"
+
+// Whether these go out in bundles is the socket's setting. Whatever waits is flushed at the end.
+void librarySend(NwSocket& socket, PduSource& source, int pdus);
+
+// Receives packets until `pdus` have been looked at, refused ones included.
+Delivered libraryReceive(NwSocket& socket, int pdus);
+// The same through the form that copies to the application's own storage.
+Delivered libraryReceiveCopied(NwSocket& socket, int pdus);
+
+// Gives the socket the filters that the bare loop applies by hand.
+void setFilters(NwSocket& socket, const HandFilters& filters, Active active);
+
+#endif
