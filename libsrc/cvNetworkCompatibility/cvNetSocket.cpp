@@ -262,7 +262,8 @@ int NwNetSocket::sendTo(char* buf, unsigned long len, unsigned int addr) {
     if (len == 0) return 0;
 
     sockaddr_in to;
-    setInetAddr(to, addr, sendPort != -1 ? sendPort : port);
+    const int otherPort = nwSetting(sendPort);
+    setInetAddr(to, addr, otherPort != -1 ? otherPort : port);
     int result = static_cast<int>(::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
     if (result == -1 && nwSetting(theMaxSendRetries) != 0) result = retrySendTo(buf, len, to);
     if (result == -1) failed("NetSocket::sendTo");
@@ -299,11 +300,11 @@ void NwNetSocket::setRetryOnSend(unsigned int retries, double period) {
 }
 
 void NwNetSocket::setFilterPort(const int& newPort) {
-    filterPort = newPort;
+    nwChangeSetting(filterPort, newPort);
 }
 
 void NwNetSocket::setSendPort(const int& newPort) {
-    sendPort = newPort;
+    nwChangeSetting(sendPort, newPort);
 }
 
 // --- settings of unbundling ------------------------------------------------------------------------------
@@ -593,11 +594,11 @@ int NwNetSocket::setMcastTtl(int ttl) {
 }
 
 void NwNetSocket::setMcastDevice(unsigned int device) {
-    mcastDevice_ = device;
+    nwChangeSetting(mcastDevice_, device);
 }
 
 unsigned int NwNetSocket::mcastDevice() const {
-    return mcastDevice_;
+    return nwSetting(mcastDevice_);
 }
 
 // --- interfaces of the host ------------------------------------------------------------------------------
