@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -54,6 +55,23 @@ bool unshareNetwork() {
     return writeFile("/proc/self/setgroups", "deny") &&
            writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
            writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+}
+
+bool isRunning(const std::string& interfaceName) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq request = {};
+    interfaceName.copy(request.ifr_name, IFNAMSIZ - 1);
+    const bool running = ::ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING);
+    ::close(fd);
+    return running;
+}
+
+// An end of a cable takes up its work a moment after the other end came up; what is sent earlier is lost. The
+// command that changes nothing waits for the lock under which the kernel does that.
+void waitForCable(const std::string& interfaceName) {
+    if (!eventually([&] { return isRunning(interfaceName); }))
+        throw std::runtime_error(interfaceName + " does not come up");
+    run("ip link set " + interfaceName + " up");
 }
 
 int openNamespace() {
@@ -131,6 +149,8 @@ void Host::connect(const std::string& hereName, const std::string& hereAddress, 
     run("ip link add " + hereName + " type veth peer name " + thereName + " netns " + path());
     run("ip addr add " + hereAddress + " brd + dev " + hereName + " && ip link set " + hereName + " up");
     in([&] { run("ip addr add " + thereAddress + " brd + dev " + thereName + " && ip link set " + thereName + " up"); });
+    waitForCable(hereName);
+    in([&] { waitForCable(thereName); });
 }
 
 void Host::connect(const std::string& name, const std::string& address, const Host& other,
@@ -185,6 +205,34 @@ std::string UdpPeer::receive() {
 
 bool UdpPeer::isEmpty() {
     return !waitReadable(myFd, 0);
+}
+
+NwIpv4Addr ipv4(const std::string& dottedQuad) {
+    NwIpv4Addr address = 0;
+    if (!NwInetAddrFromString(dottedQuad.c_str(), &address)) throw std::runtime_error("no address: " + dottedQuad);
+    return address;
+}
+
+std::set<NwIpv4Addr> groupsJoinedOn(const std::string& interfaceName) {
+    // An unindented line names the interface; indented ones below it begin with a group, in hexadecimal as the
+    // host reads its four bytes.
+    const NwIpv4Addr kAllHosts = 0xE0000001u;
+    std::ifstream table("/proc/thread-self/net/igmp");
+    std::set<NwIpv4Addr> groups;
+    std::string line, index, name;
+    while (std::getline(table, line)) {
+        std::istringstream words(line);
+        if (line.compare(0, 1, "\t") != 0) {
+            words >> index >> name;
+            name = name.substr(0, name.find(':'));
+        } else if (name == interfaceName) {
+            NwIpv4Addr networkOrder = 0;
+            words >> std::hex >> networkOrder;
+            groups.insert(ntohl(networkOrder));
+        }
+    }
+    groups.erase(kAllHosts);
+    return groups;
 }
 
 int freePort() {

@@ -6,6 +6,7 @@
 #include <cvutil/cvInetAddr.h>
 
 #include <functional>
+#include <set>
 #include <string>
 
 const NwIpv4Addr kLoopback = 0x7F000001u;
@@ -34,7 +35,8 @@ public:
 
     // Runs work (on this thread) as if on that host.
     void in(const std::function<void()>& work) const;
-    // A virtual cable between this process's host and that one. Addresses with prefix length: "10.9.0.1/24".
+    // A virtual cable between this process's host and that one, ready to carry packets when the call returns.
+    // Addresses with prefix length: "10.9.0.1/24".
     void connect(const std::string& hereName, const std::string& hereAddress, const std::string& thereName,
                  const std::string& thereAddress) const;
     // A virtual cable between two other hosts.
@@ -73,6 +75,11 @@ private:
     int mySenderPort = 0;
 };
 
+// The address that a dotted quad names; throws for anything else.
+NwIpv4Addr ipv4(const std::string& dottedQuad);
+// The groups that sockets of the current host have joined on one of its interfaces; the all-hosts group, which
+// every interface has by itself, is left out.
+std::set<NwIpv4Addr> groupsJoinedOn(const std::string& interfaceName);
 // A UDP port that was free a moment ago (of all addresses).
 int freePort();
 // Waits until fd is readable; false when patience ends.
