@@ -80,6 +80,11 @@ public:
 protected:
     NwTestOperator op;
     NwList values;  // each value stands in its item's data pointer
+
+private:
+    friend class NwSocket;
+    // What evalTest of this very class comes to, whatever the packet, in the state of a new test.
+    bool passesAll() const { return op == NwTestExclude && !values.first(); }
 };
 
 // A socket: sends packets to IPv4 destinations and receives whole packets, one a call. The class decides
@@ -210,6 +215,12 @@ protected:
     // Adds one to packetsReceived; past INT_MAX it goes on at INT_MIN instead of overflowing.
     void countPacket() { packetsReceived = static_cast<int>(static_cast<unsigned int>(packetsReceived) + 1u); }
 
+    // Whether accept lets every packet through, for a socket that overrides neither it nor the accessors.
+    bool ownTestsPassAll() const {
+        return protocolVersionTest.passesAll() && exerciseIdTest.passesAll() && pduKindTest.passesAll() &&
+               ipAddrTest.passesAll();
+    }
+
     int blocking;         // 1 while the descriptor is in blocking mode
     int packetsReceived;  // for NwReportPktsRcvd
     BundleMap bundles;    // entries are cleared, never removed
@@ -223,6 +234,9 @@ protected:
 
 private:
     std::vector<char>& bundleOf(NwIpv4Addr destAddr);
+    void findBundle(NwIpv4Addr destAddr);
+    int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
+    int flushForRoom(long& bytesSent);
 
     // The bundle that NwSend used last: most senders have one destination.
     BundleMap::value_type* lastBundle;
