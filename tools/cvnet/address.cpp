@@ -2,14 +2,14 @@
 // Addresses and interfaces: what the library does not tell (names, flags) comes from getifaddrs.
 #include "address.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
 #include <ifaddrs.h>
-#include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <algorithm>
+#include <cerrno>
+#include <memory>
 
 #include <fmt/format.h>
 
@@ -41,12 +41,15 @@ std::string knownInterfaces(const std::vector<Interface>& interfaces) {
 NwIpv4Addr addressFromText(const std::string& text, const std::string& option) {
     NwIpv4Addr address = 0;
     if (!NwInetAddrFromString(text.c_str(), &address)) {
-        throw UsageFailure(fmt::format("{}: '{}' is no IPv4 address (four numbers of 0 to 255)", option, printable(text)));
+        throw UsageFailure(
+            fmt::format("{}: '{}' is no IPv4 address (four numbers of 0 to 255)", option, printable(text)));
     }
     return address;
 }
 
-std::string addressText(NwIpv4Addr addrHostOrder) { return NwInetAddrString(addrHostOrder); }
+std::string addressText(NwIpv4Addr addrHostOrder) {
+    return NwInetAddrString(addrHostOrder);
+}
 
 std::string endpointText(NwIpv4Addr addrHostOrder, unsigned port) {
     return fmt::format("{}:{}", NwInetAddrString(addrHostOrder), port);
@@ -90,7 +93,8 @@ NwIpv4Addr interfaceAddress(const std::string& nameOrAddress) {
     const bool isAddress = NwInetAddrFromString(nameOrAddress.c_str(), &wanted);
     for (const Interface& entry : interfaces) {
         if (!entry.hasAddress) continue;
-        if (isAddress ? entry.addrHostOrder == wanted : entry.name == nameOrAddress) return entry.addrHostOrder;
+        if (isAddress ? entry.addrHostOrder == wanted : entry.name == nameOrAddress)
+            return entry.addrHostOrder;
     }
     throw Failure(fmt::format("no interface of this host {} {} (known: {})",
                               isAddress ? "has the address" : "with an IPv4 address is called",

@@ -22,12 +22,15 @@ constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 
 std::string linkTypeText(int linkType) {
     const char* description = pcap_datalink_val_to_description_or_dlt(linkType);
-    return fmt::format("link type {} is not read (Ethernet, Linux cooked, raw IPv4 and loopback are)", description);
+    return fmt::format("link type {} is not read (Ethernet, Linux cooked, raw IPv4 and loopback are)",
+                       description);
 }
 
 }  // namespace
 
-void CaptureReader::Close::operator()(pcap* handle) const { pcap_close(handle); }
+void CaptureReader::Close::operator()(pcap* handle) const {
+    pcap_close(handle);
+}
 
 CaptureReader::CaptureReader(const std::string& path) : path_(path) {
     char reason[PCAP_ERRBUF_SIZE] = "";

@@ -31,7 +31,10 @@ void addNote(std::vector<std::string>& notes, std::uint64_t count, const char* s
 }  // namespace
 
 CaptureSource::CaptureSource(const std::string& path, std::uint64_t passes)
-    : path_(path), passesLeft_(passes), forEver_(passes == 0), reader_(std::make_unique<CaptureReader>(path)) {}
+    : path_(path),
+      passesLeft_(passes),
+      forEver_(passes == 0),
+      reader_(std::make_unique<CaptureReader>(path)) {}
 
 bool CaptureSource::advance() {
     for (;;) {
@@ -48,7 +51,8 @@ bool CaptureSource::takePacket() {
         walk_.reset();
         if (pdu.lengthBytes() == 0) return false;
     }
-    const std::size_t offset = static_cast<std::size_t>(pdu.bytes() - reinterpret_cast<unsigned char*>(datagram_.data()));
+    const std::size_t offset =
+        static_cast<std::size_t>(pdu.bytes() - reinterpret_cast<unsigned char*>(datagram_.data()));
     current_.bytes = datagram_.data() + offset;
     current_.lengthBytes = pdu.lengthBytes();
     current_.alone = !whole;
@@ -77,13 +81,15 @@ bool CaptureSource::nextDatagram() {
 bool CaptureSource::nextPass() {
     if (reader_->counts().datagrams == emptyDatagrams_ && passStartSeconds_ == 0.0) {
         const FrameCounts counts = reader_->counts();
-        throw Failure(fmt::format("{} holds no UDP datagram over IPv4 to send ({} in it)", printable(path_),
-                                  counted(counts.other + counts.cut + counts.malformed + counts.fragments, "other frame")));
+        throw Failure(fmt::format(
+            "{} holds no UDP datagram over IPv4 to send ({} in it)", printable(path_),
+            counted(counts.other + counts.cut + counts.malformed + counts.fragments, "other frame")));
     }
     if (!forEver_ && --passesLeft_ == 0) return false;
     addCounts();
     // The next pass follows after the mean distance of two datagrams.
-    const double distance = datagramsInPass_ > 1 ? longestOffset_ / static_cast<double>(datagramsInPass_ - 1) : 1.0;
+    const double distance =
+        datagramsInPass_ > 1 ? longestOffset_ / static_cast<double>(datagramsInPass_ - 1) : 1.0;
     passStartSeconds_ += longestOffset_ + distance;
     datagramsInPass_ = 0;
     longestOffset_ = 0.0;
@@ -91,11 +97,17 @@ bool CaptureSource::nextPass() {
     return true;
 }
 
-void CaptureSource::addCounts() { finished_ = sum(finished_, reader_->counts()); }
+void CaptureSource::addCounts() {
+    finished_ = sum(finished_, reader_->counts());
+}
 
-Packet CaptureSource::packet() { return current_; }
+Packet CaptureSource::packet() {
+    return current_;
+}
 
-std::string CaptureSource::description() const { return printable(path_); }
+std::string CaptureSource::description() const {
+    return printable(path_);
+}
 
 std::vector<std::string> CaptureSource::notes() const {
     const FrameCounts counts = sum(finished_, reader_->counts());

@@ -2,9 +2,9 @@
 // IPv4 and UDP headers around packets, and a file that never keeps half a frame.
 #include "capture_writer.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <fmt/format.h>
 #include <pcap/pcap.h>
@@ -39,7 +39,8 @@ void putU32(std::vector<unsigned char>& bytes, std::size_t offset, NwIpv4Addr va
 
 // RFC 1071: the ones' complement of the ones' complement sum of 16-bit words.
 unsigned long sumWords(const unsigned char* bytes, std::size_t size, unsigned long sum) {
-    for (std::size_t i = 0; i + 1 < size; i += 2) sum += static_cast<unsigned long>(bytes[i]) << 8 | bytes[i + 1];
+    for (std::size_t i = 0; i + 1 < size; i += 2)
+        sum += static_cast<unsigned long>(bytes[i]) << 8 | bytes[i + 1];
     if (size % 2 == 1) sum += static_cast<unsigned long>(bytes[size - 1]) << 8;
     return sum;
 }
@@ -74,8 +75,12 @@ void putUdpHeader(std::vector<unsigned char>& frame, const UdpDatagram& datagram
 
 }  // namespace
 
-void CaptureWriter::Close::operator()(pcap* handle) const { pcap_close(handle); }
-void CaptureWriter::Close::operator()(pcap_dumper* dumper) const { pcap_dump_close(dumper); }
+void CaptureWriter::Close::operator()(pcap* handle) const {
+    pcap_close(handle);
+}
+void CaptureWriter::Close::operator()(pcap_dumper* dumper) const {
+    pcap_dump_close(dumper);
+}
 
 CaptureWriter::CaptureWriter(const std::string& path) : path_(path) {
     handle_.reset(pcap_open_dead_with_tstamp_precision(DLT_RAW, kSnapLength, PCAP_TSTAMP_PRECISION_NANO));
@@ -86,7 +91,9 @@ CaptureWriter::CaptureWriter(const std::string& path) : path_(path) {
         throw Failure(fmt::format("cannot write {}: {}", printable(path), errorText(error)));
     }
     dumper_.reset(pcap_dump_fopen(handle_.get(), file));  // takes the file, on failure too
-    if (!dumper_) throw Failure(fmt::format("cannot write {}: {}", printable(path), oneLine(pcap_geterr(handle_.get()))));
+    if (!dumper_)
+        throw Failure(
+            fmt::format("cannot write {}: {}", printable(path), oneLine(pcap_geterr(handle_.get()))));
     flush();
 }
 

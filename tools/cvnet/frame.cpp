@@ -116,7 +116,8 @@ bool Reassembly::add(const Key& key, std::size_t offset, bool moreFollow, Bytes 
 // False for pieces that overlap: which of them is right cannot be known. An exact repetition is harmless.
 bool Reassembly::insert(Packet& packet, std::size_t offset, Bytes piece) {
     const auto after = packet.pieces.lower_bound(offset);
-    if (after != packet.pieces.end() && after->first == offset && after->second.size() == piece.size) return true;
+    if (after != packet.pieces.end() && after->first == offset && after->second.size() == piece.size)
+        return true;
     if (after != packet.pieces.end() && after->first < offset + piece.size) return false;
     if (after != packet.pieces.begin()) {
         const auto before = std::prev(after);

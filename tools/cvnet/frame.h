@@ -38,12 +38,12 @@ struct UdpDatagram {
 
 struct FrameCounts {
     std::uint64_t datagrams = 0;
-    std::uint64_t other = 0;               // not UDP over IPv4
-    std::uint64_t cut = 0;                 // the recorder kept only the start of the frame
-    std::uint64_t malformed = 0;           // lengths that contradict each other
-    std::uint64_t fragments = 0;           // pieces of fragmented UDP datagrams
-    std::uint64_t reassembled = 0;         // datagrams put together from them
-    std::uint64_t incomplete = 0;          // fragmented datagrams with pieces missing
+    std::uint64_t other = 0;        // not UDP over IPv4
+    std::uint64_t cut = 0;          // the recorder kept only the start of the frame
+    std::uint64_t malformed = 0;    // lengths that contradict each other
+    std::uint64_t fragments = 0;    // pieces of fragmented UDP datagrams
+    std::uint64_t reassembled = 0;  // datagrams put together from them
+    std::uint64_t incomplete = 0;   // fragmented datagrams with pieces missing
 };
 
 /// Puts fragments of IPv4 packets together. Memory is bounded: the oldest unfinished packet gives way.

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
+#include <net/if.h>
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
-#include <fmt/format.h>
-#include <net/if.h>
 #include <nlohmann/json.hpp>
 
 #include <cvNetworkCompatibility/cvNetSocket.h>
@@ -27,8 +27,10 @@ namespace {
 
 constexpr const char* kDefaultRule = "the first that is up, can broadcast and is not loopback";
 constexpr const char* kNoDefault =
-    "No interface can broadcast (up, broadcast-capable, not loopback), so there is no default one: senders need "
-    "--to ADDRESS (on this host: --to 127.0.0.1), and multicast needs --interface NAME (lo works on this host).";
+    "No interface can broadcast (up, broadcast-capable, not loopback), so there is no default one: senders "
+    "need "
+    "--to ADDRESS (on this host: --to 127.0.0.1), and multicast needs --interface NAME (lo works on this "
+    "host).";
 
 struct Row {
     Interface entry;
@@ -102,10 +104,10 @@ void printTable(Output& out, const std::vector<Row>& rows, NwIpv4Addr defaultAdd
     constexpr const char* format = "{:<16} {:<15} {:<15} {:<15} {}";
     out.line(out.styled(1, fmt::format(format, "interface", "address", "mask", "broadcast", "flags")));
     for (const Row& row : rows) {
-        std::string line = fmt::format(format, printable(row.entry.name), addressOrDash(row.entry, row.entry.addrHostOrder),
-                                       addressOrDash(row.entry, row.entry.maskHostOrder),
-                                       addressOrDash(row.entry, row.broadcast),
-                                       fmt::join(flagNames(row.entry.flags), " "));
+        std::string line =
+            fmt::format(format, printable(row.entry.name), addressOrDash(row.entry, row.entry.addrHostOrder),
+                        addressOrDash(row.entry, row.entry.maskHostOrder),
+                        addressOrDash(row.entry, row.broadcast), fmt::join(flagNames(row.entry.flags), " "));
         out.line(row.isDefault ? out.styled(32, line) : line);
     }
     out.line("");
@@ -115,10 +117,11 @@ void printTable(Output& out, const std::vector<Row>& rows, NwIpv4Addr defaultAdd
     }
     for (const Row& row : rows) {
         if (row.isDefault) {
-            out.line(fmt::format("Default: {} ({}), {}. It is used where --interface is not given; without --to, "
-                                 "senders broadcast to {}.",
-                                 printable(row.entry.name), addressText(defaultAddress), kDefaultRule,
-                                 addressText(row.broadcast)));
+            out.line(
+                fmt::format("Default: {} ({}), {}. It is used where --interface is not given; without --to, "
+                            "senders broadcast to {}.",
+                            printable(row.entry.name), addressText(defaultAddress), kDefaultRule,
+                            addressText(row.broadcast)));
         }
     }
 }
@@ -152,7 +155,9 @@ void printJson(Output& out, const std::vector<Row>& rows, NwIpv4Addr defaultAddr
 class IfacesCommand : public Command {
 public:
     const char* name() const override { return "ifaces"; }
-    const char* purpose() const override { return "Show the interfaces of this host and which one is the default"; }
+    const char* purpose() const override {
+        return "Show the interfaces of this host and which one is the default";
+    }
     void addOptions(CLI::App& app) override {
         app.add_flag("--json", json_, "Print JSON lines");
         app.footer("Example:\n  cvnet ifaces");
@@ -176,6 +181,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Command> makeIfacesCommand() { return std::make_unique<IfacesCommand>(); }
+std::unique_ptr<Command> makeIfacesCommand() {
+    return std::make_unique<IfacesCommand>();
+}
 
 }  // namespace cvnet

@@ -9,8 +9,8 @@
 
 namespace cvnet {
 
-/// Foreign text that is no UTF-8 (a file or interface name) is replaced, never an error. ASCII only, so that no
-/// control character reaches a terminal.
+/// Foreign text that is no UTF-8 (a file or interface name) is replaced, never an error. ASCII only, so that
+/// no control character reaches a terminal.
 inline std::string jsonLine(const nlohmann::ordered_json& json) {
     return json.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
 }

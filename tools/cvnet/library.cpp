@@ -2,8 +2,8 @@
 // Keeps the library's last warning for the tool's own error lines and drops its other messages.
 #include "library.h"
 
-#include <streambuf>
 #include <unistd.h>
+#include <streambuf>
 
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvutil/cvOutput.h>
@@ -58,7 +58,9 @@ void prepareLibrary() {
     NwSetMaxPacketSize(kMaxPayload);
 }
 
-std::string takeLibraryWarning() { return lastWarning().take(); }
+std::string takeLibraryWarning() {
+    return lastWarning().take();
+}
 
 std::string takeLibraryReason(const std::string& otherwise) {
     const std::string warning = takeLibraryWarning();

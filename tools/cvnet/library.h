@@ -19,7 +19,8 @@ void prepareLibrary();
 /// when there was none. Sending and receiving warn about a packet or a call, never more than one at a time.
 std::string takeLibraryWarning();
 
-/// The reason in a warning of the form "call: reason", else the warning itself; `otherwise` when there was none.
+/// The reason in a warning of the form "call: reason", else the warning itself; `otherwise` when there was
+/// none.
 std::string takeLibraryReason(const std::string& otherwise);
 
 }  // namespace cvnet

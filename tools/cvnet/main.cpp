@@ -5,11 +5,12 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <string>
 
+#include <fmt/format.h>
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
-#include <fmt/format.h>
 
 #include "command.h"
 #include "failure.h"
@@ -26,13 +27,21 @@ namespace {
 
 using Commands = std::array<std::unique_ptr<Command>, 3>;
 
-Commands makeCommands() { return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand()}; }
+Commands makeCommands() {
+    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand()};
+}
 
 // Known before the options are read, so that an error in them already says whose they are.
 void nameErrorsAfter(const Commands& commands, int argc, char** argv) {
+    if (argc < 2 || argv[1][0] == '-') return;
+    std::string known;
     for (const auto& command : commands) {
-        if (argc > 1 && std::strcmp(argv[1], command->name()) == 0) setErrorPrefix(fmt::format("cvnet {}", command->name()));
+        known += fmt::format("{}{}", known.empty() ? "" : ", ", command->name());
+        if (std::strcmp(argv[1], command->name()) != 0) continue;
+        setErrorPrefix(fmt::format("cvnet {}", command->name()));
+        return;
     }
+    throw UsageFailure(fmt::format("no sub-command is called {} (there are {})", printable(argv[1]), known));
 }
 
 int runChosen(const Commands& commands, const CLI::App& app) {
@@ -48,10 +57,12 @@ int runChosen(const Commands& commands, const CLI::App& app) {
 int run(int argc, char** argv) {
     CLI::App app("Sends, receives and shows DIS traffic through the packet library.", "cvnet");
     app.set_version_flag("--version", "cvnet " CVNET_VERSION);
-    app.footer("Each sub-command has its own --help, with examples.\n"
-               "Exit status: 0 done, 1 the host, a file or the network refused, 2 the arguments make no sense.");
+    app.footer(
+        "Each sub-command has its own --help, with examples.\n"
+        "Exit status: 0 done, 1 the host, a file or the network refused, 2 the arguments make no sense.");
     const Commands commands = makeCommands();
-    for (const auto& command : commands) command->addOptions(*app.add_subcommand(command->name(), command->purpose()));
+    for (const auto& command : commands)
+        command->addOptions(*app.add_subcommand(command->name(), command->purpose()));
     app.require_subcommand(0, 1);
     nameErrorsAfter(commands, argc, argv);
     try {

@@ -6,10 +6,10 @@
 #include <cmath>
 #include <cstdlib>
 
+#include <fmt/format.h>
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
-#include <fmt/format.h>
 
 #include <cvNetworkCompatibility/cvSocket.h>
 
@@ -35,19 +35,22 @@ std::string trimmed(const std::string& text) {
 }
 
 unsigned byteFromText(const std::string& text, const std::string& option) {
-    const bool digits = !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == std::string::npos;
+    const bool digits =
+        !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == std::string::npos;
     const unsigned long value = digits ? std::strtoul(text.c_str(), nullptr, 10) : kMaxByte + 1;
     if (value > kMaxByte) {
-        throw UsageFailure(fmt::format("{}: '{}' is no number of 0 to {}", option, printable(text), kMaxByte));
+        throw UsageFailure(
+            fmt::format("{}: '{}' is no number of 0 to {}", option, printable(text), kMaxByte));
     }
     return static_cast<unsigned>(value);
 }
 
 unsigned typeFromText(const std::string& text, const std::string& option) {
     if (const auto type = pduTypeFromText(text)) return *type;
-    throw UsageFailure(fmt::format("{}: '{}' is no PDU type (a number of 0 to 255, or a name such as "
-                                   "'Entity State')",
-                                   option, printable(text)));
+    throw UsageFailure(
+        fmt::format("{}: '{}' is no PDU type (a number of 0 to 255, or a name such as "
+                    "'Entity State')",
+                    option, printable(text)));
 }
 
 // "!3,4" refuses both, and so does "!3,!4"; "3,!4" contradicts itself.
@@ -61,7 +64,8 @@ FilterValues filterFromTexts(const std::vector<std::string>& texts, const std::s
         if (excludes) text = trimmed(text.substr(1));
         if (i == 0) result.exclude = excludes;
         if (excludes && !result.exclude) {
-            throw UsageFailure(option + ": a list names either what to include or, after a leading '!', what to exclude");
+            throw UsageFailure(
+                option + ": a list names either what to include or, after a leading '!', what to exclude");
         }
         result.values.push_back(read(text, option));
     }
@@ -69,6 +73,13 @@ FilterValues filterFromTexts(const std::vector<std::string>& texts, const std::s
 }
 
 }  // namespace
+
+CLI::Validator range(int least, int most) {
+    return CLI::Range(least, most).description("");
+}
+CLI::Validator range(double least, double most) {
+    return CLI::Range(least, most).description("");
+}
 
 void ReportOptions::declare(CLI::App& app) {
     app.add_flag("--json", json, "Print JSON lines");
@@ -82,14 +93,14 @@ void LimitOptions::declare(CLI::App& app, const char* whatIsCounted) {
 
 void PortOption::declareDestination(CLI::App& app) {
     app.add_option("--port", port, fmt::format("UDP port to send to (default {})", kDefaultDisPort))
-        ->check(CLI::Range(1, kMaxPort))
+        ->check(range(1, kMaxPort))
         ->type_name("PORT");
 }
 
 void PortOption::declareListening(CLI::App& app) {
     app.add_option("--port", port,
                    fmt::format("UDP port to listen on, 0 for any free one (default {})", kDefaultDisPort))
-        ->check(CLI::Range(0, kMaxPort))
+        ->check(range(0, kMaxPort))
         ->type_name("PORT");
 }
 
@@ -97,7 +108,9 @@ void InterfaceOption::declare(CLI::App& app, const char* purpose) {
     app.add_option("--interface", nameOrAddress, purpose)->type_name("NAME|ADDRESS");
 }
 
-NwIpv4Addr InterfaceOption::address() const { return given() ? interfaceAddress(nameOrAddress) : 0; }
+NwIpv4Addr InterfaceOption::address() const {
+    return given() ? interfaceAddress(nameOrAddress) : 0;
+}
 
 std::vector<NwIpv4Addr> addressesFromTexts(const std::vector<std::string>& texts, const std::string& option) {
     std::vector<NwIpv4Addr> addresses;

@@ -12,7 +12,8 @@
 
 namespace CLI {
 class App;
-}
+class Validator;
+}  // namespace CLI
 class NwFilterTest;
 
 namespace cvnet {
@@ -87,7 +88,11 @@ struct Filters {
 /// Sets the test when values were given, else leaves it alone.
 void applyFilter(NwFilterTest& test, FilterValues& values);
 
-/// Shows numbers as given on the command line: an integer within bounds. Throws UsageFailure.
+/// A bounds check whose bounds --help does not spell out.
+CLI::Validator range(int least, int most);
+CLI::Validator range(double least, double most);
+
+/// For options without a check of their own. Throws UsageFailure.
 void checkRange(const char* option, double value, double least, double most);
 
 }  // namespace cvnet

@@ -2,10 +2,10 @@
 // Buffered lines on standard output, single lines on standard error.
 #include "output.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
 
 #include <fmt/format.h>
 
@@ -103,7 +103,9 @@ std::string Output::styled(int sgr, std::string_view text) const {
     return colours_ ? fmt::format("\x1b[{}m{}\x1b[0m", sgr, text) : std::string(text);
 }
 
-bool errorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+bool errorIsTerminal() {
+    return ::isatty(STDERR_FILENO) == 1;
+}
 
 void errorLine(std::string_view text) {
     const std::string line = fmt::format("{}: {}\n", errorPrefix(), text);
@@ -111,8 +113,12 @@ void errorLine(std::string_view text) {
     if (::write(STDERR_FILENO, line.data(), line.size()) < 0) return;
 }
 
-void warningLine(std::string_view text) { errorLine(fmt::format("warning: {}", text)); }
+void warningLine(std::string_view text) {
+    errorLine(fmt::format("warning: {}", text));
+}
 
-void setErrorPrefix(std::string_view prefix) { errorPrefix() = prefix; }
+void setErrorPrefix(std::string_view prefix) {
+    errorPrefix() = prefix;
+}
 
 }  // namespace cvnet

@@ -12,7 +12,7 @@ namespace cvnet {
 struct Packet {
     char* bytes = nullptr;  // lent until the source advances
     std::size_t lengthBytes = 0;
-    bool alone = false;     // no whole PDU: has to be a datagram of its own
+    bool alone = false;  // no whole PDU: has to be a datagram of its own
 };
 
 class PacketSource {

@@ -150,7 +150,9 @@ const char* pduTypeName(unsigned type) {
     return type >= kFirstExperimental && type <= kLastType ? "experimental" : "reserved";
 }
 
-std::string pduTypeText(unsigned type) { return fmt::format("{} ({})", pduTypeName(type), type); }
+std::string pduTypeText(unsigned type) {
+    return fmt::format("{} ({})", pduTypeName(type), type);
+}
 
 std::optional<unsigned> pduTypeFromText(const std::string& text) {
     if (const auto number = typeNumber(text)) return number;

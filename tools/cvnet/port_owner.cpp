@@ -3,14 +3,14 @@
 #include "port_owner.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <unistd.h>
 #include <cctype>
 #include <cstdlib>
-#include <dirent.h>
 #include <fstream>
 #include <memory>
 #include <set>
 #include <sstream>
-#include <unistd.h>
 #include <vector>
 
 #include <fmt/format.h>
@@ -38,7 +38,8 @@ void collectInodes(const char* table, unsigned port, NwIpv4Addr addrHostOrder, I
     while (std::getline(file, line)) {
         std::istringstream columns(line);
         std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
-        columns >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >> timeout >> inode;
+        columns >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >> timeout >>
+            inode;
         const std::size_t colon = local.find(':');
         if (colon == std::string::npos || inode.empty() || inode == "0") continue;
         if (std::strtoul(local.c_str() + colon + 1, nullptr, 16) != port) continue;

@@ -7,7 +7,9 @@
 
 namespace cvnet {
 
-unsigned ReceivingSocket::lastSourcePort() const { return ntohs(sourceSockAddr->sin_port); }
+unsigned ReceivingSocket::lastSourcePort() const {
+    return ntohs(sourceSockAddr->sin_port);
+}
 
 int ReceivingSocket::recvFromNet(char** buf) {
     const int length = NwNetSocket::recvFromNet(buf);

@@ -3,20 +3,20 @@
 // the descriptor, for Ctrl-C, or for the next thing that is due.
 #include "recv.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <map>
 #include <optional>
 #include <string>
-#include <sys/socket.h>
-#include <netinet/in.h>
-#include <map>
 #include <vector>
 
+#include <fmt/format.h>
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
-#include <fmt/format.h>
 
 #include "address.h"
 #include "capture_writer.h"
@@ -63,30 +63,35 @@ struct Place {
     NwIpv4Addr bindTo = 0;
     NwIpv4Addr device = 0;
 
-    NwIpv4Addr constructorAddress() const { return bindTo != 0 ? bindTo : groups.empty() ? 0 : groups.front(); }
+    NwIpv4Addr constructorAddress() const {
+        return bindTo != 0 ? bindTo : groups.empty() ? 0 : groups.front();
+    }
     std::string text() const;
 };
 
 Place::Place(const RecvOptions& options) : groups(addressesFromTexts(options.groups, "--group")) {
     for (NwIpv4Addr group : groups) {
         if (!NwIsMulticastAddr(group)) {
-            throw UsageFailure(fmt::format("--group: {} is no multicast address (224.0.0.0 to 239.255.255.255)", addressText(group)));
+            throw UsageFailure(fmt::format(
+                "--group: {} is no multicast address (224.0.0.0 to 239.255.255.255)", addressText(group)));
         }
     }
     if (!options.bind.empty()) bindTo = addressFromText(options.bind, "--bind");
     const bool sameGroup = groups.empty() || (groups.size() == 1 && groups.front() == bindTo);
     if (bindTo != 0 && !sameGroup) {
-        throw UsageFailure(fmt::format("--bind {} keeps out what is sent to other addresses, so --group has to be that "
-                                       "one address or be left out",
-                                       addressText(bindTo)));
+        throw UsageFailure(
+            fmt::format("--bind {} keeps out what is sent to other addresses, so --group has to be that "
+                        "one address or be left out",
+                        addressText(bindTo)));
     }
     if (bindTo != 0 && groups.empty() && NwIsMulticastAddr(bindTo)) groups.push_back(bindTo);
     device = options.interface.address();
     if (device == 0 && !groups.empty()) device = NwFirstHostInetAddr();
     if (device == 0 && !groups.empty()) {
-        throw Failure(fmt::format("no interface can broadcast, so there is no default one to join {} on: name one with "
-                                  "--interface (on this host: --interface lo)",
-                                  addressText(groups.front())));
+        throw Failure(
+            fmt::format("no interface can broadcast, so there is no default one to join {} on: name one with "
+                        "--interface (on this host: --interface lo)",
+                        addressText(groups.front())));
     }
 }
 
@@ -114,10 +119,12 @@ void setReceiveBuffer(ReceivingSocket& socket, int wantedBytes) {
     int granted = 0;
     socklen_t length = sizeof granted;
     if (::getsockopt(socket.readFd(), SOL_SOCKET, SO_RCVBUF, &granted, &length) != 0) return;
-    granted /= 2;  // the kernel doubles what is asked for, to pay for its own bookkeeping, and tells the double
+    granted /=
+        2;  // the kernel doubles what is asked for, to pay for its own bookkeeping, and tells the double
     if (granted < wantedBytes) {
-        warningLine(fmt::format("the kernel granted a receive buffer of {} bytes, not {} (see sysctl net.core.rmem_max)",
-                                granted, wantedBytes));
+        warningLine(fmt::format(
+            "the kernel granted a receive buffer of {} bytes, not {} (see sysctl net.core.rmem_max)", granted,
+            wantedBytes));
     }
 }
 
@@ -125,8 +132,8 @@ void joinFurtherGroups(ReceivingSocket& socket, const Place& place) {
     for (NwIpv4Addr group : place.groups) {
         if (group == place.constructorAddress()) continue;
         if (socket.listenToMulticastGroup(group, NwUSE_DEFAULT_IP_ADDR) != 1) {
-            throw Failure(fmt::format("cannot join {} on {}: {}", addressText(group), addressText(place.device),
-                                      takeLibraryReason("refused")));
+            throw Failure(fmt::format("cannot join {} on {}: {}", addressText(group),
+                                      addressText(place.device), takeLibraryReason("refused")));
         }
     }
 }
@@ -142,13 +149,15 @@ std::unique_ptr<ReceivingSocket> openSocket(const RecvOptions& options, const Pl
                                                     static_cast<unsigned char>(modeBits), place.device);
     if (!socket->isOk()) {
         throw Failure(fmt::format("cannot listen on port {}{}: {}{}", options.port.port,
-                                  place.bindTo != 0 ? " of " + addressText(place.bindTo) : "", takeLibraryReason("refused"),
+                                  place.bindTo != 0 ? " of " + addressText(place.bindTo) : "",
+                                  takeLibraryReason("refused"),
                                   owner ? ", it is open in " + portOwnerText(*owner) : ""));
     }
     // Joining the first group is part of the construction, which does not report it.
     if (!place.groups.empty()) {
         const std::string warning = takeLibraryWarning();
-        if (!warning.empty()) throw Failure(fmt::format("cannot join {}: {}", addressText(place.groups.front()), warning));
+        if (!warning.empty())
+            throw Failure(fmt::format("cannot join {}: {}", addressText(place.groups.front()), warning));
     }
     joinFurtherGroups(*socket, place);
     if (owner) {
@@ -215,7 +224,9 @@ private:
     bool drawsSummary() const {
         return options_.summary && out_.isTerminal() && !options_.report.json && !options_.report.quiet;
     }
-    double activeSeconds() const { return datagramsSeen_ == 0 ? 0.0 : Seconds(lastArrival_ - firstArrival_).count(); }
+    double activeSeconds() const {
+        return datagramsSeen_ == 0 ? 0.0 : Seconds(lastArrival_ - firstArrival_).count();
+    }
     std::string totalsText() const;
     std::string oddTotalsText() const;
     std::string totalsJson() const;
@@ -257,7 +268,10 @@ void Receiver::announce() {
     if (options_.report.json) {
         nlohmann::ordered_json groups = nlohmann::ordered_json::array();
         for (NwIpv4Addr group : place_.groups) groups.push_back(addressText(group));
-        out_.line(jsonLine({{"event", "listening"}, {"port", port}, {"bind", addressText(place_.bindTo)}, {"groups", groups}}));
+        out_.line(jsonLine({{"event", "listening"},
+                            {"port", port},
+                            {"bind", addressText(place_.bindTo)},
+                            {"groups", groups}}));
     } else {
         out_.line(fmt::format("listening on port {}{}", port, place_.text()));
     }
@@ -311,10 +325,11 @@ void Receiver::save(const PduView& packet) {
 }
 
 std::string Receiver::lineOf(const PduView& packet) const {
-    std::string line = fmt::format("{} {:<21} DIS {} exercise {} {:<26} {} bytes",
-                                   timeOfDayText(socket_->arrival().tv_sec, socket_->arrival().tv_nsec),
-                                   endpointText(socket_->lastSourceInetAddr(), socket_->lastSourcePort()), packet.version(),
-                                   packet.exercise(), pduTypeText(packet.type()), packet.lengthBytes());
+    std::string line =
+        fmt::format("{} {:<21} DIS {} exercise {:<3} {:<30} {:>5} bytes",
+                    timeOfDayText(socket_->arrival().tv_sec, socket_->arrival().tv_nsec),
+                    endpointText(socket_->lastSourceInetAddr(), socket_->lastSourcePort()), packet.version(),
+                    packet.exercise(), pduTypeText(packet.type()), packet.lengthBytes());
     if (const auto id = packet.entity()) line += " entity " + entityText(*id);
     const std::string odd = oddText(packet);
     return odd.empty() ? line : line + " " + out_.styled(33, odd);
@@ -330,22 +345,24 @@ std::string Receiver::oddText(const PduView& packet) const {
             break;
     }
     const std::string rest = fmt::format("UNDIVIDED REST: its length field says {}", packet.declaredLength());
-    return options_.noHeaderTest ? rest : fmt::format("{}; {} splits by the length fields alone", rest, kHeaderTestOption);
+    return options_.noHeaderTest
+               ? rest
+               : fmt::format("{}; {} splits by the length fields alone", rest, kHeaderTestOption);
 }
 
 std::string Receiver::jsonOf(const PduView& packet) const {
     constexpr double nanosecond = 1e-9;
     const timespec& when = socket_->arrival();
-    nlohmann::ordered_json json = {
-        {"event", "pdu"},
-        {"time", static_cast<double>(when.tv_sec) + static_cast<double>(when.tv_nsec / 1000 * 1000) * nanosecond},
-        {"source", addressText(socket_->lastSourceInetAddr())},
-        {"port", socket_->lastSourcePort()},
-        {"version", packet.version()},
-        {"exercise", packet.exercise()},
-        {"type", packet.type()},
-        {"typeName", pduTypeName(packet.type())},
-        {"length", packet.lengthBytes()}};
+    nlohmann::ordered_json json = {{"event", "pdu"},
+                                   {"time", static_cast<double>(when.tv_sec) +
+                                                static_cast<double>(when.tv_nsec / 1000 * 1000) * nanosecond},
+                                   {"source", addressText(socket_->lastSourceInetAddr())},
+                                   {"port", socket_->lastSourcePort()},
+                                   {"version", packet.version()},
+                                   {"exercise", packet.exercise()},
+                                   {"type", packet.type()},
+                                   {"typeName", pduTypeName(packet.type())},
+                                   {"length", packet.lengthBytes()}};
     if (const auto id = packet.entity()) {
         json["entity"] = {{"site", id->site}, {"application", id->application}, {"entity", id->entity}};
     }
@@ -392,35 +409,39 @@ void Receiver::idle() {
 void Receiver::showHint() {
     hintShown_ = true;
     if (datagramsSeen_ != 0) return;
-    errorLine(fmt::format("nothing has come for {} s. Does the sender use port {} and the interface that this host listens "
-                          "on{}? Does a firewall drop UDP here?",
-                          kHintAfter.count(), boundPort(socket_->readFd()),
-                          place_.groups.empty() ? " (groups need --group)" : " and the same group"));
+    errorLine(fmt::format(
+        "nothing has come for {} s. Does the sender use port {} and the interface that this host listens "
+        "on{}? Does a firewall drop UDP here?",
+        kHintAfter.count(), boundPort(socket_->readFd()),
+        place_.groups.empty() ? " (groups need --group)" : " and the same group"));
 }
 
-void Receiver::drawSummary() { out_.draw(totalsText() + "\n" + oddTotalsText() + "\n" + tally_.fullTable(activeSeconds())); }
+void Receiver::drawSummary() {
+    out_.draw(totalsText() + "\n" + oddTotalsText() + "\n" + tally_.fullTable(activeSeconds()));
+}
 
 std::string Receiver::totalsText() const {
     const Count& total = tally_.total();
-    std::string text = fmt::format("received {} in {}", counted(total.pdus, "PDU"), counted(total.datagrams, "datagram"));
+    std::string text =
+        fmt::format("received {} in {}", tally_.packetsText(), counted(total.datagrams, "datagram"));
     if (total.datagrams != 0) {
-        text += fmt::format(" ({:.2f} a datagram)", static_cast<double>(total.pdus) / static_cast<double>(total.datagrams));
+        text += fmt::format(" ({:.2f} a datagram)",
+                            static_cast<double>(total.pdus) / static_cast<double>(total.datagrams));
     }
     return text + fmt::format(", {} from {} in {:.1f} s", counted(total.bytes, "byte"),
                               counted(tally_.sourceCount(), "source"), activeSeconds());
 }
 
 std::string Receiver::oddTotalsText() const {
-    std::string text = fmt::format("refused by filters: {}; undivided rests: {}; cut: {}; too short: {}; mixed bundles: {}; ",
-                                   refused_, tally_.rests().pdus, tally_.cut().pdus,
-                                   socket_->tooShort() + socket_->empty(), socket_->mixed());
+    std::string text = fmt::format(
+        "refused by filters: {}; undivided rests: {}; cut: {}; too short: {}; mixed bundles: {}; ", refused_,
+        tally_.rests().pdus, tally_.cut().pdus, socket_->tooShort() + socket_->empty(), socket_->mixed());
     return text + kernelDropsText(kernelDrops(socket_->readFd()));
 }
 
 std::string Receiver::totalsJson() const {
     nlohmann::ordered_json json = {{"event", "totals"},
-                                   {"pdus", tally_.total().pdus},
-                                   {"wholePdus", tally_.wholePdus()},
+                                   {"pdus", tally_.wholePdus()},
                                    {"datagrams", tally_.total().datagrams},
                                    {"bytes", tally_.total().bytes},
                                    {"seconds", activeSeconds()},
@@ -452,8 +473,10 @@ void Receiver::printTotals() {
         out_.line(out_.styled(1, totalsText()));
         out_.line(oddTotalsText());
         if (!options_.noHeaderTest && (socket_->mixed() != 0 || tally_.rests().pdus != 0)) {
-            out_.line(fmt::format("hint: {} splits datagrams by the length fields alone, also where versions or exercises are mixed",
-                                  kHeaderTestOption));
+            out_.line(
+                fmt::format("hint: {} splits datagrams by the length fields alone, also where versions or "
+                            "exercises are mixed",
+                            kHeaderTestOption));
         }
     }
     out_.flush();
@@ -482,17 +505,20 @@ void RecvCommand::addOptions(CLI::App& app) {
     app.add_flag(kHeaderTestOption, options_.noHeaderTest,
                  "Split bundles by the length fields alone, also where versions or exercises are mixed");
     app.add_flag("--summary", options_.summary, "Show a table by type, exercise and source, no line per PDU");
-    app.add_option("--write", options_.write, "Save what is delivered as a capture (pcap)")->type_name("FILE");
+    app.add_option("--write", options_.write, "Save what is delivered as a capture (pcap)")
+        ->type_name("FILE");
     app.add_option("--rcvbuf", options_.rcvbufBytes, "Ask for a receive buffer of BYTES")
-        ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+        ->check(range(1, std::numeric_limits<int>::max()))
         ->type_name("BYTES");
-    app.add_option("--idle", options_.idleSeconds, "Stop when no datagram has come for S seconds")->type_name("S");
+    app.add_option("--idle", options_.idleSeconds, "Stop when no datagram has come for S seconds")
+        ->type_name("S");
     options_.limits.declare(app, "packets");
     options_.report.declare(app);
-    app.footer("Examples:\n"
-               "  cvnet recv --port 3000 --exercise 1,2 --type '!Data'\n"
-               "  cvnet recv --group 239.1.2.3 --interface eth0 --summary\n"
-               "  cvnet recv --json --seconds 10 --write seen.pcap");
+    app.footer(
+        "Examples:\n"
+        "  cvnet recv --port 3000 --exercise 1,2 --type '!Data'\n"
+        "  cvnet recv --group 239.1.2.3 --interface eth0 --summary\n"
+        "  cvnet recv --json --seconds 10 --write seen.pcap");
 }
 
 int RecvCommand::run() {
@@ -513,6 +539,8 @@ int RecvCommand::run() {
 
 }  // namespace
 
-std::unique_ptr<Command> makeRecvCommand() { return std::make_unique<RecvCommand>(); }
+std::unique_ptr<Command> makeRecvCommand() {
+    return std::make_unique<RecvCommand>();
+}
 
 }  // namespace cvnet

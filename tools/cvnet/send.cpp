@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
-#include <fmt/format.h>
 
 #include <cvNetworkCompatibility/cvNetSocket.h>
 
@@ -41,8 +41,8 @@ constexpr auto kProgressPeriod = std::chrono::milliseconds(500);
 
 struct SendOptions {
     std::string pcap;
-    unsigned synthetic = 0;
-    unsigned exercise = 1;
+    int synthetic = 0;  // entities
+    int exercise = 1;
     double speed = 1.0;
     double rate = 0.0;  // 0: the source's own speed
     bool fast = false;
@@ -53,7 +53,7 @@ struct SendOptions {
     double flushMs = kDefaultFlushMs;
     int ttl = -1;
     InterfaceOption interface;
-    unsigned retries = 0;
+    int retries = 0;
     LimitOptions limits;
     ReportOptions report;
 };
@@ -88,7 +88,8 @@ private:
 
 std::unique_ptr<PacketSource> openSource(const SendOptions& options) {
     if (!options.pcap.empty()) return std::make_unique<CaptureSource>(options.pcap, options.loop);
-    return std::make_unique<SyntheticSource>(options.synthetic, options.exercise);
+    return std::make_unique<SyntheticSource>(static_cast<unsigned>(options.synthetic),
+                                             static_cast<unsigned>(options.exercise));
 }
 
 void checkOptions(const SendOptions& options) {
@@ -109,16 +110,19 @@ NwIpv4Addr destinationOf(const SendOptions& options, NwIpv4Addr device) {
     return 0;
 }
 
-// Only a join makes an interface the one for outgoing multicast. Nothing is read here, so the group is left again.
+// Only a join makes an interface the one for outgoing multicast. Nothing is read here, so the group is left
+// again.
 void chooseMulticastInterface(SendingSocket& socket, NwIpv4Addr group) {
     if (socket.mcastDevice() == 0) {
-        throw Failure(fmt::format("no interface can broadcast, so there is no default one for the group {}: name "
-                                  "one with --interface (on this host: --interface lo)",
-                                  addressText(group)));
+        throw Failure(
+            fmt::format("no interface can broadcast, so there is no default one for the group {}: name "
+                        "one with --interface (on this host: --interface lo)",
+                        addressText(group)));
     }
     if (socket.listenToMulticastGroup(group, socket.mcastDevice()) != 1) {
-        throw Failure(fmt::format("cannot use the interface {} for the group {}: {}", addressText(socket.mcastDevice()),
-                                  addressText(group), takeLibraryReason("refused")));
+        throw Failure(fmt::format("cannot use the interface {} for the group {}: {}",
+                                  addressText(socket.mcastDevice()), addressText(group),
+                                  takeLibraryReason("refused")));
     }
     socket.dropMulticastGroup(group, socket.mcastDevice());
 }
@@ -132,10 +136,12 @@ std::unique_ptr<SendingSocket> openSocket(const SendOptions& options) {
                                        to == 0 ? "not given" : addressText(to)));
     }
     if (to == 0 && NwInetBroadcastOfDevice(nullptr) == 0) {
-        throw Failure("no interface can broadcast, so there is no default destination: give one with --to (on this "
-                      "host: --to 127.0.0.1), or an interface with --interface");
+        throw Failure(
+            "no interface can broadcast, so there is no default destination: give one with --to (on this "
+            "host: --to 127.0.0.1), or an interface with --interface");
     }
-    if (options.retries != 0) NwNetSocket::setRetryOnSend(options.retries, kRetryPeriodSeconds);
+    if (options.retries != 0)
+        NwNetSocket::setRetryOnSend(static_cast<unsigned>(options.retries), kRetryPeriodSeconds);
     auto socket = std::make_unique<SendingSocket>(options.port.port, to, device);
     if (!socket->isOk()) throw Failure("cannot open a UDP socket: " + takeLibraryReason("refused"));
     if (toGroup) chooseMulticastInterface(*socket, to);
@@ -157,6 +163,10 @@ public:
     void announce();
     void sendAll();
     void printTotals();
+    /// When a failure follows: a table of nothing would only hide it.
+    void printTotalsIfAny() {
+        if (socket_->datagrams() != 0) printTotals();
+    }
 
 private:
     using Seconds = std::chrono::duration<double>;
@@ -168,7 +178,8 @@ private:
         return start_ + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
     }
     bool isOver(Clock::time_point now) const {
-        return StopSignal::raised() || out_.closed() || (options_.limits.seconds > 0.0 && now >= after(options_.limits.seconds));
+        return StopSignal::raised() || out_.closed() ||
+               (options_.limits.seconds > 0.0 && now >= after(options_.limits.seconds));
     }
     void send(const Packet& packet);
     void flush();
@@ -196,10 +207,10 @@ void Sender::announce() {
                             {"port", options_.port.port},
                             {"bundle", socket_->isBundling()}}));
     } else if (!options_.report.quiet) {
-        const std::string bundles =
-            socket_->isBundling() == 0
-                ? "one PDU a datagram"
-                : fmt::format("bundles of up to {} bytes, flushed after {} ms", socket_->isBundling(), options_.flushMs);
+        const std::string bundles = socket_->isBundling() == 0
+                                        ? "one PDU a datagram"
+                                        : fmt::format("bundles of up to {} bytes, flushed after {} ms",
+                                                      socket_->isBundling(), options_.flushMs);
         out_.line(fmt::format("sending {} to {}, {}", source_->description(), to, bundles));
     }
     out_.flush();
@@ -244,8 +255,9 @@ Clock::time_point Sender::nextEvent(Clock::time_point due) const {
 void Sender::send(const Packet& packet) {
     if (packet.alone) flush();
     const std::uint64_t datagramsBefore = socket_->datagrams();
-    const int result = packet.alone ? socket_->sendTo(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR)
-                                    : socket_->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR);
+    const int result = packet.alone
+                           ? socket_->sendTo(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR)
+                           : socket_->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR);
     if (result < 0) failToSend();
     // The bundle's time runs from its first packet: an empty one starts now, and so does one just flushed.
     const bool waits = socket_->isBundling() != 0 && !packet.alone &&
@@ -279,12 +291,11 @@ void Sender::showProgress(Clock::time_point now) {
 std::string Sender::summaryText() const {
     const Tally& tally = socket_->tally();
     const std::uint64_t datagrams = socket_->datagrams();
-    const double factor = datagrams == 0 ? 0.0 : static_cast<double>(tally.total().pdus) / static_cast<double>(datagrams);
-    std::string text = "sent " + counted(tally.wholePdus(), "PDU");
-    const std::uint64_t odd = tally.rests().pdus + tally.cut().pdus;
-    if (odd != 0) text += fmt::format(" and {} that {} no whole PDU", counted(odd, "datagram"), odd == 1 ? "is" : "are");
-    return text + fmt::format(" in {} ({:.2f} a datagram), {} in {:.1f} s", counted(datagrams, "datagram"), factor,
-                              counted(tally.total().bytes, "byte"), Seconds(end_ - start_).count());
+    const double factor =
+        datagrams == 0 ? 0.0 : static_cast<double>(tally.total().pdus) / static_cast<double>(datagrams);
+    return fmt::format("sent {} in {} ({:.2f} a datagram), {} in {:.1f} s", tally.packetsText(),
+                       counted(datagrams, "datagram"), factor, counted(tally.total().bytes, "byte"),
+                       Seconds(end_ - start_).count());
 }
 
 std::string Sender::totalsJson() const {
@@ -333,43 +344,64 @@ private:
 };
 
 void SendCommand::addOptions(CLI::App& app) {
-    CLI::Option* pcap = app.add_option("--pcap", options_.pcap, "Send the UDP datagrams of this capture (pcap, pcapng), split into PDUs")->type_name("FILE");
-    CLI::Option* synthetic = app.add_option("--synthetic", options_.synthetic, "Send Entity State PDUs of N moving entities")
-                                 ->check(CLI::Range(1U, SyntheticEntities::kMaxEntities))
-                                 ->type_name("N")
-                                 ->excludes(pcap);
+    CLI::Option* pcap =
+        app.add_option("--pcap", options_.pcap,
+                       "Send the UDP datagrams of this capture (pcap, pcapng), split into PDUs")
+            ->type_name("FILE");
+    CLI::Option* synthetic =
+        app.add_option("--synthetic", options_.synthetic, "Send Entity State PDUs of N moving entities")
+            ->check(range(1, SyntheticEntities::kMaxEntities))
+            ->type_name("N")
+            ->excludes(pcap);
     app.add_option("--exercise", options_.exercise, "Exercise of the synthetic entities (default 1)")
-        ->check(CLI::Range(0, 255))
+        ->check(range(0, 255))
         ->type_name("N")
         ->needs(synthetic);
-    CLI::Option* speed = app.add_option("--speed", options_.speed, "Replay N times as fast as recorded (default 1)")
-                             ->check(CLI::Range(1e-6, 1e6))
-                             ->type_name("N")
-                             ->needs(pcap);
-    CLI::Option* rate = app.add_option("--rate", options_.rate, "Send R PDUs per second (synthetic entities: 5 each, if not given)")
-                            ->check(CLI::Range(1e-6, kMaxRate))
+    CLI::Option* speed =
+        app.add_option("--speed", options_.speed, "Replay N times as fast as recorded (default 1)")
+            ->check(range(1e-6, 1e6))
+            ->type_name("N")
+            ->needs(pcap);
+    CLI::Option* rate = app.add_option("--rate", options_.rate,
+                                       "Send R PDUs per second (synthetic entities: 5 each, if not given)")
+                            ->check(range(1e-6, kMaxRate))
                             ->type_name("R")
                             ->excludes(speed);
-    app.add_flag("--fast", options_.fast, "Send as fast as the host takes it")->excludes(speed)->excludes(rate);
-    app.add_option("--loop", options_.loop, "Play the capture N times, 0 until stopped (default 1)")->type_name("N")->needs(pcap);
-    app.add_option("--to", options_.to, "Destination: a host, a broadcast address or a group (default: the broadcast address of the interface)")->type_name("ADDRESS");
+    app.add_flag("--fast", options_.fast, "Send as fast as the host takes it")
+        ->excludes(speed)
+        ->excludes(rate);
+    app.add_option("--loop", options_.loop, "Play the capture N times, 0 until stopped (default 1)")
+        ->type_name("N")
+        ->needs(pcap);
+    app.add_option("--to", options_.to,
+                   "Destination: a host, a broadcast address or a group (default: the broadcast address of "
+                   "the interface)")
+        ->type_name("ADDRESS");
     options_.port.declareDestination(app);
-    CLI::Option* bundle = app.add_option("--bundle", options_.bundleBytes, "Collect PDUs into datagrams of up to BYTES (default 0: one PDU a datagram)")
-                              ->type_name("BYTES");
-    app.add_option("--flush-ms", options_.flushMs, fmt::format("Send a bundle at the latest MS milliseconds after its first PDU (default {})", kDefaultFlushMs))
-        ->check(CLI::Range(0.0, 1e6))
+    CLI::Option* bundle =
+        app.add_option("--bundle", options_.bundleBytes,
+                       "Collect PDUs into datagrams of up to BYTES (default 0: one PDU a datagram)")
+            ->type_name("BYTES");
+    app.add_option("--flush-ms", options_.flushMs,
+                   fmt::format("Send a bundle at the latest MS milliseconds after its first PDU (default {})",
+                               kDefaultFlushMs))
+        ->check(range(0.0, 1e6))
         ->type_name("MS")
         ->needs(bundle);
-    app.add_option("--ttl", options_.ttl, "Time-to-live of multicast")->check(CLI::Range(0, kMaxTtl))->type_name("N");
+    app.add_option("--ttl", options_.ttl, "Time-to-live of multicast")
+        ->check(range(0, kMaxTtl))
+        ->type_name("N");
     options_.interface.declare(app, "Interface for multicast and for the default destination");
-    app.add_option("--retry", options_.retries, "Never wait for the send buffer: repeat a refused send up to N times, 1 ms apart")
-        ->check(CLI::Range(0U, 1000000U))
+    app.add_option("--retry", options_.retries,
+                   "Never wait for the send buffer: repeat a refused send up to N times, 1 ms apart")
+        ->check(range(0, 1000000))
         ->type_name("N");
     options_.limits.declare(app, "PDUs");
     options_.report.declare(app);
-    app.footer("Examples:\n"
-               "  cvnet send --pcap exercise.pcap --to 127.0.0.1 --bundle 1400\n"
-               "  cvnet send --synthetic 20 --rate 200 --to 239.1.2.3 --interface eth0 --ttl 4");
+    app.footer(
+        "Examples:\n"
+        "  cvnet send --pcap exercise.pcap --to 127.0.0.1 --bundle 1400\n"
+        "  cvnet send --synthetic 20 --rate 200 --to 239.1.2.3 --interface eth0 --ttl 4");
 }
 
 int SendCommand::run() {
@@ -380,7 +412,7 @@ int SendCommand::run() {
     try {
         sender.sendAll();
     } catch (const Failure&) {
-        sender.printTotals();
+        sender.printTotalsIfAny();
         throw;
     }
     sender.printTotals();
@@ -389,6 +421,8 @@ int SendCommand::run() {
 
 }  // namespace
 
-std::unique_ptr<Command> makeSendCommand() { return std::make_unique<SendCommand>(); }
+std::unique_ptr<Command> makeSendCommand() {
+    return std::make_unique<SendCommand>();
+}
 
 }  // namespace cvnet

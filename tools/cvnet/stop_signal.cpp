@@ -2,12 +2,12 @@
 // The signal handler, its pipe, and the one wait of the tool.
 #include "stop_signal.h"
 
-#include <cerrno>
-#include <csignal>
-#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
 
 #include "failure.h"
 #include "text.h"
@@ -53,7 +53,9 @@ void StopSignal::install() {
     for (int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
 }
 
-bool StopSignal::raised() { return gRaised != 0; }
+bool StopSignal::raised() {
+    return gRaised != 0;
+}
 
 bool StopSignal::wait(int fd, std::optional<Clock::time_point> until) {
     pollfd watched[2] = {{gPipe[0], POLLIN, 0}, {fd, POLLIN, 0}};  // poll skips a negative descriptor

@@ -24,8 +24,8 @@ constexpr double kEarthSquashed = 6.69437999014e-3;  // WGS 84, first eccentrici
 constexpr double kLatitude = 45.0 * kPi / 180.0;
 constexpr double kLongitude = -30.0 * kPi / 180.0;
 constexpr double kAltitude = 3000.0;
-constexpr double kSpeed = 120.0;           // metres per second, of each aircraft
-constexpr double kSmallestRadius = 2000.0; // metres; each entity's circle is a little larger than the last's
+constexpr double kSpeed = 120.0;            // metres per second, of each aircraft
+constexpr double kSmallestRadius = 2000.0;  // metres; each entity's circle is a little larger than the last's
 constexpr double kRadiusStep = 50.0;
 constexpr double kGoldenAngle = 2.39996322972865332;  // spreads the starting points of neighbours
 
@@ -42,8 +42,12 @@ struct Vector {
     double x, y, z;
 };
 
-Vector operator*(double factor, const Vector& v) { return {factor * v.x, factor * v.y, factor * v.z}; }
-Vector operator+(const Vector& a, const Vector& b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+Vector operator*(double factor, const Vector& v) {
+    return {factor * v.x, factor * v.y, factor * v.z};
+}
+Vector operator+(const Vector& a, const Vector& b) {
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
+}
 Vector cross(const Vector& a, const Vector& b) {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
@@ -148,7 +152,8 @@ void putMarking(FieldWriter& fields, unsigned number) {
 
 }  // namespace
 
-SyntheticEntities::SyntheticEntities(unsigned count, unsigned exercise) : count_(count), exercise_(exercise) {}
+SyntheticEntities::SyntheticEntities(unsigned count, unsigned exercise)
+    : count_(count), exercise_(exercise) {}
 
 std::array<char, kEntityStateSize>& SyntheticEntities::next(double seconds, double sinceHourSeconds) {
     const unsigned index = turn_;

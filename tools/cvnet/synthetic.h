@@ -13,7 +13,7 @@ constexpr std::size_t kEntityStateSize = 144;
 
 class SyntheticEntities {
 public:
-    static constexpr unsigned kMaxEntities = 65534;  // entity numbers 0 and 65535 have meanings of their own
+    static constexpr int kMaxEntities = 65534;  // entity numbers 0 and 65535 have meanings of their own
 
     /// `count` entities, 1:1:1 to 1:1:count, in one exercise.
     SyntheticEntities(unsigned count, unsigned exercise);

@@ -14,7 +14,9 @@ bool SyntheticSource::advance() {
     return true;
 }
 
-double SyntheticSource::dueSeconds() const { return made_ / (kUpdatesPerSecond * entityCount_); }
+double SyntheticSource::dueSeconds() const {
+    return made_ / (kUpdatesPerSecond * entityCount_);
+}
 
 Packet SyntheticSource::packet() {
     const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();

@@ -5,14 +5,18 @@
 #include <fmt/format.h>
 
 #include "address.h"
+#include "text.h"
 
 namespace cvnet {
 namespace {
 
 constexpr const char* kRow = "{:<9} {:<38} {:>9} {:>9} {:>12} {:>10} {:>10}\n";
 
+// Over less time than this a rate says nothing.
+constexpr double kLeastSeconds = 0.001;
+
 std::string rateText(double count, double seconds) {
-    return seconds > 0.0 ? fmt::format("{:.1f}", count / seconds) : "-";
+    return seconds >= kLeastSeconds ? fmt::format("{:.1f}", count / seconds) : "-";
 }
 
 std::string headings() {
@@ -71,9 +75,18 @@ void Tally::add(const PduView& packet, std::uint64_t datagramNumber) {
 void Tally::add(const PduView& packet, std::uint64_t datagramNumber, const Endpoint& source) {
     add(packet, datagramNumber);
     auto known = sources_.find(source);
-    if (known == sources_.end() && sources_.size() < kMaxSources) known = sources_.emplace(source, Count()).first;
+    if (known == sources_.end() && sources_.size() < kMaxSources)
+        known = sources_.emplace(source, Count()).first;
     Count& count = known != sources_.end() ? known->second : otherSources_;
     count.add(packet.lengthBytes(), datagramNumber);
+}
+
+std::string Tally::packetsText() const {
+    const std::uint64_t odd = rests_.pdus + cut_.pdus;
+    std::string text = counted(wholePdus(), "PDU");
+    if (odd != 0)
+        text += fmt::format(" and {} that {} no whole PDU", counted(odd, "packet"), odd == 1 ? "is" : "are");
+    return text;
 }
 
 std::string Tally::typeRows(double seconds) const {

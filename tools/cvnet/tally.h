@@ -49,9 +49,13 @@ public:
     std::uint64_t wholePdus() const { return total_.pdus - rests_.pdus - cut_.pdus; }
     const Count& rests() const { return rests_; }
     const Count& cut() const { return cut_; }
+    /// "45 PDUs", and when there were others "45 PDUs and 5 packets that are no whole PDU".
+    std::string packetsText() const;
+
     std::size_t sourceCount() const { return sources_.size(); }
 
-    /// Lines with a heading; `seconds` turns counts into rates, 0 leaves them out.
+    /// Lines with a heading; `seconds` turns counts into rates; 0, or less than a millisecond, leaves them
+    /// out.
     std::string typeTable(double seconds) const;
     std::string fullTable(double seconds) const;
 

@@ -11,7 +11,9 @@
 namespace cvnet {
 namespace {
 
-bool isContinuation(unsigned char c) { return (c & 0xC0U) == 0x80U; }
+bool isContinuation(unsigned char c) {
+    return (c & 0xC0U) == 0x80U;
+}
 
 // The length of the well-formed UTF-8 sequence at the start of text, 0 when there is none that may be
 // shown: C1 controls (U+0080 to U+009F) steer terminals just as ESC does.
@@ -60,7 +62,9 @@ std::string oneLine(std::string_view text) {
     return printable(line);
 }
 
-std::string errorText(int errnoValue) { return std::generic_category().message(errnoValue); }
+std::string errorText(int errnoValue) {
+    return std::generic_category().message(errnoValue);
+}
 
 std::string counted(unsigned long long count, const char* singular) {
     return fmt::format("{} {}{}", count, singular, count == 1 ? "" : "s");
@@ -70,7 +74,8 @@ std::string timeOfDayText(long seconds, long nanoseconds) {
     const std::time_t when = seconds;
     std::tm parts{};
     localtime_r(&when, &parts);
-    return fmt::format("{:02}:{:02}:{:02}.{:06}", parts.tm_hour, parts.tm_min, parts.tm_sec, nanoseconds / 1000);
+    return fmt::format("{:02}:{:02}:{:02}.{:06}", parts.tm_hour, parts.tm_min, parts.tm_sec,
+                       nanoseconds / 1000);
 }
 
 }  // namespace cvnet
