@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// The fields that derived classes reach: their order, types and places, and the size of each class. Programs
+// that are already built have these places in their code.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <map>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+#include <cvNetworkCompatibility/cvNetSocket.h>
+#include <cvNetworkCompatibility/cvSocket.h>
+
+namespace {
+
+struct Field {
+    const char* name;
+    std::size_t offset;
+    std::size_t size;
+    std::size_t alignment;
+
+    std::size_t end() const { return offset + size; }
+};
+
+// One field of Class as it lies in object. Does not compile when the field is of another type or class.
+template <class Type, class Class, class Member>
+Field fieldOf(const char* name, Member member, const Class& object) {
+    static_assert(std::is_same<Member, Type Class::*>::value, "a field has its documented type and class");
+    const char* place = reinterpret_cast<const char*>(std::addressof(object.*member));
+    const char* start = reinterpret_cast<const char*>(std::addressof(object));
+    return {name, static_cast<std::size_t>(place - start), sizeof(Type), alignof(Type)};
+}
+
+// `Owner` documents the field; `Probe` derives from it, and so may name it; `probe` is one.
+#define FIELD(type, field) fieldOf<type, Owner>(#field, &Probe::field, probe)
+
+std::size_t roundedUp(std::size_t offset, std::size_t alignment) {
+    return (offset + alignment - 1) / alignment * alignment;
+}
+
+// Each field begins where the one before it ends, so nothing stands between or in another order; what
+// else the class holds comes behind the last.
+void expectInOrder(const std::vector<Field>& fields, std::size_t start, std::size_t classSize) {
+    std::size_t end = start;
+    for (const Field& field : fields) {
+        EXPECT_EQ(field.offset, roundedUp(end, field.alignment)) << field.name;
+        end = field.end();
+    }
+    EXPECT_LE(end, classSize);
+}
+
+const std::size_t kVirtualTablePointer = sizeof(void*);
+
+class FilterTestFields : public NwFilterTest {
+public:
+    static std::vector<Field> all() {
+        typedef NwFilterTest Owner;
+        typedef FilterTestFields Probe;
+        Probe probe;
+        return {FIELD(NwTestOperator, op), FIELD(NwList, values)};
+    }
+};
+
+class SocketFields : public NwSocket {
+public:
+    int sendTo(char*, unsigned long, unsigned int) override { return 0; }
+    int NwRecv(char**, int*) override { return 0; }
+    int NwRecv(char*, unsigned long) override { return 0; }
+
+    static std::vector<Field> all() {
+        typedef NwSocket Owner;
+        typedef SocketFields Probe;
+        typedef std::map<NwIpv4Addr, std::vector<char>> Bundles;
+        Probe probe;
+        return {FIELD(int, blocking),
+                FIELD(int, packetsReceived),
+                FIELD(Bundles, bundles),
+                FIELD(int, bundling),
+                FIELD(int, bundleSize),
+                FIELD(int, socketFd),
+                FIELD(NwFilterTest, exerciseIdTest),
+                FIELD(NwFilterTest, protocolVersionTest),
+                FIELD(NwFilterTest, pduKindTest),
+                FIELD(NwFilterTest, ipAddrTest)};
+    }
+};
+
+class NetSocketFields : public NwNetSocket {
+public:
+    // Opens nothing and prints nothing.
+    NetSocketFields() : NwNetSocket(0, loopbackAddr, (unsigned char)NwNetSocketQuietStart, loopbackAddr) {}
+
+    static std::vector<Field> all() {
+        typedef NwNetSocket Owner;
+        typedef NetSocketFields Probe;
+        Probe probe;
+        return {FIELD(int, port),
+                FIELD(int, filterPort),
+                FIELD(int, sendPort),
+                FIELD(int, reserved),
+                FIELD(std::unique_ptr<char[]>, recvBuffer),
+                FIELD(std::unique_ptr<char[]>, copyBuffer),
+                FIELD(char*, bundleCursor),
+                FIELD(int, adoptedFd),
+                FIELD(NwIpv4Addr, adoptedAddr),
+                FIELD(NwIpv4Addr, destAddr),
+                FIELD(NwIpv4Addr, mcastDevice_),
+                FIELD(int, unbundling),
+                FIELD(int, bytesLeftInBundle),
+                FIELD(int, minPacketSize_),
+                FIELD(int, sizeOffset_),
+                FIELD(int, sizeLength_),
+                FIELD(int, bufferSize),
+                FIELD(bool, testDisHeader_),
+                FIELD(int, boundToDest),
+                FIELD(int, firstInBundle),
+                FIELD(int, bundleExercise),
+                FIELD(int, bundleProtocol),
+                FIELD(bool, ok),
+                FIELD(std::unique_ptr<sockaddr_in>, destSockAddr),
+                FIELD(std::unique_ptr<sockaddr_in>, sourceSockAddr),
+                FIELD(unsigned char, mode)};
+    }
+};
+
+}  // namespace
+
+TEST(FieldOrder, ofTheFilterTest) {
+    expectInOrder(FilterTestFields::all(), kVirtualTablePointer, sizeof(NwFilterTest));
+}
+
+TEST(FieldOrder, ofTheSocket) {
+    expectInOrder(SocketFields::all(), kVirtualTablePointer, sizeof(NwSocket));
+}
+
+TEST(FieldOrder, ofTheUdpSocket) {
+    expectInOrder(NetSocketFields::all(), sizeof(NwSocket), sizeof(NwNetSocket));
+}
+
+// A derived class's own fields lie behind these. Counted by hand from the fields, for 64-bit machines and the
+// containers of libstdc++.
+TEST(ClassSizes, stayWhatTheyAre) {
+#if defined(__LP64__) && defined(__GLIBCXX__)
+    EXPECT_EQ(sizeof(NwList), 8u + 8u + 4u + 4u /*padding*/);
+    EXPECT_EQ(sizeof(NwFilterTest), 8u + 4u + 4u /*padding*/ + sizeof(NwList));
+    EXPECT_EQ(sizeof(NwSocket), 8u + 2 * 4u + 48u /*map*/ + 3 * 4u + 4u /*padding*/ + 4 * 40u +
+                                    8u /*the bundle used last*/);
+    EXPECT_EQ(sizeof(NwNetSocket), sizeof(NwSocket) + 4 * 4u + 3 * 8u + 10 * 4u + 4u /*bool, padding*/ + 4 * 4u +
+                                       4u /*bool, padding*/ + 2 * 8u + 8u /*mode, padding*/ +
+                                       2 * 8u /*kept packets and their sender*/);
+#else
+    GTEST_SKIP() << "counted for 64-bit machines and libstdc++";
+#endif
+}
