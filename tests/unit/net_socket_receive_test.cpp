@@ -41,25 +41,51 @@ const char kShortLater[] = "NwNetSocket: unbundling problem: packet size less th
 const char kEmptyWarning[] = "0 bytes read from net\n";
 const char kNotReadable[] = "NetSocket not initialized for receiving\n";
 
-// A reading socket whose protected parts the tests may look at, as derived classes may.
+// The protected fields of a socket of any class, which derived classes may use.
+struct Fields {
+    int& blocking;
+    int& bufferSize;
+    char*& bundleCursor;
+    int& bundleExercise;
+    int& bundleProtocol;
+    int& bytesLeftInBundle;
+    std::unique_ptr<char[]>& copyBuffer;
+    int& filterPort;
+    int& firstInBundle;
+    int& packetsReceived;
+    int& port;
+    std::unique_ptr<char[]>& recvBuffer;
+    int& socketFd;
+};
+
+struct Names : NwNetSocket {
+    static Fields of(NwNetSocket& s) {
+        return {s.*&Names::blocking,        s.*&Names::bufferSize,     s.*&Names::bundleCursor,
+                s.*&Names::bundleExercise,  s.*&Names::bundleProtocol, s.*&Names::bytesLeftInBundle,
+                s.*&Names::copyBuffer,      s.*&Names::filterPort,     s.*&Names::firstInBundle,
+                s.*&Names::packetsReceived, s.*&Names::port,           s.*&Names::recvBuffer,
+                s.*&Names::socketFd};
+    }
+};
+
+Fields fieldsOf(NwNetSocket& socket) {
+    return Names::of(socket);
+}
+
+// A socket that reads on a port of its own.
 class Receiver : public NwNetSocket {
 public:
     Receiver() : NwNetSocket(freePort(), 0u, kRead, kLoopback) {}
-    Receiver(int fd, unsigned char sides) : NwNetSocket(nullptr, fd, sides) {}
-    using NwNetSocket::blocking;
-    using NwNetSocket::bufferSize;
-    using NwNetSocket::bundleCursor;
-    using NwNetSocket::bundleExercise;
-    using NwNetSocket::bundleProtocol;
-    using NwNetSocket::bytesLeftInBundle;
-    using NwNetSocket::copyBuffer;
-    using NwNetSocket::filterPort;
-    using NwNetSocket::firstInBundle;
-    using NwNetSocket::packetsReceived;
-    using NwNetSocket::port;
-    using NwNetSocket::recvBuffer;
-    using NwNetSocket::socketFd;
 };
+
+// The library takes a shorter way for objects of just its own class: both ways are held against the same
+// rules.
+enum WhichClass { kItself, kDerived };
+
+std::unique_ptr<NwNetSocket> makeReceiver(WhichClass which) {
+    if (which == kDerived) return std::unique_ptr<NwNetSocket>(new Receiver);
+    return std::unique_ptr<NwNetSocket>(new NwNetSocket(freePort(), 0u, kRead, kLoopback));
+}
 
 // Bytes of kernel memory that datagrams waiting on fd use up.
 unsigned int queuedMemory(int fd) {
@@ -70,9 +96,9 @@ unsigned int queuedMemory(int fd) {
 }
 
 // Sends, and returns when the datagram waits at the receiver, so that receives need no patience.
-void land(UdpPeer& from, const std::string& bytes, Receiver& at) {
+void land(UdpPeer& from, const std::string& bytes, NwNetSocket& at) {
     const unsigned int before = queuedMemory(at.readFd());
-    from.send(bytes, at.port);
+    from.send(bytes, fieldsOf(at).port);
     ASSERT_TRUE(eventually([&] { return queuedMemory(at.readFd()) > before; }));
 }
 
@@ -102,7 +128,7 @@ const std::string kNone = "status 0";
 const std::string kRefused = "status -2";
 const std::string kOwn = "status -3";
 
-class Receive : public testing::Test {
+class Receive : public testing::TestWithParam<WhichClass> {
 protected:
     Receive() { socket.NwBecomeNonBlocking(); }
     ~Receive() override { NwSetNetworkByteOrdering(1); }
@@ -121,7 +147,9 @@ protected:
     }
 
     Messages messages;
-    Receiver socket;
+    const std::unique_ptr<NwNetSocket> mySocket = makeReceiver(GetParam());
+    NwNetSocket& socket = *mySocket;
+    const Fields fields = fieldsOf(socket);
     UdpPeer peer;
 };
 
@@ -136,6 +164,21 @@ class LentBuffers : public Receive {};
 class CopyForm : public Receive {};
 class Pending : public Receive {};
 class ReceiveSettings : public Receive {};
+
+std::string classOf(const testing::TestParamInfo<WhichClass>& info) {
+    return info.param == kItself ? "itself" : "derived";
+}
+
+INSTANTIATE_TEST_SUITE_P(, Datagrams, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, Unbundling, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, HeaderTest, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, LengthFields, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, OwnPackets, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, HeaderFilters, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, LentBuffers, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, CopyForm, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, Pending, testing::Values(kItself, kDerived), classOf);
+INSTANTIATE_TEST_SUITE_P(, ReceiveSettings, testing::Values(kItself, kDerived), classOf);
 
 // Numbers in the order that the library currently expects on the wire, built from bytes.
 std::string field(unsigned long value, int width, bool networkOrder = true) {
@@ -158,25 +201,25 @@ std::string highBytes(int count) {
 
 // --- a new socket ----------------------------------------------------------------------------------------
 
-TEST_F(ReceiveSettings, newSocketUnbundlesByTheDisHeader) {
+TEST_P(ReceiveSettings, newSocketUnbundlesByTheDisHeader) {
     EXPECT_TRUE(socket.isUnbundling());
     EXPECT_TRUE(socket.testDisHeader());
     EXPECT_EQ(socket.minPacketSize(), 12);
     EXPECT_EQ(socket.sizeOffset(), 8);
     EXPECT_EQ(socket.sizeLength(), 2);
-    EXPECT_EQ(socket.filterPort, -1);
-    EXPECT_EQ(socket.bundleCursor, nullptr);
-    EXPECT_EQ(socket.bytesLeftInBundle, 0);
-    EXPECT_EQ(socket.firstInBundle, 1);
-    EXPECT_EQ(socket.bundleExercise, 0);
-    EXPECT_EQ(socket.bundleProtocol, 0);
+    EXPECT_EQ(fields.filterPort, -1);
+    EXPECT_EQ(fields.bundleCursor, nullptr);
+    EXPECT_EQ(fields.bytesLeftInBundle, 0);
+    EXPECT_EQ(fields.firstInBundle, 1);
+    EXPECT_EQ(fields.bundleExercise, 0);
+    EXPECT_EQ(fields.bundleProtocol, 0);
     EXPECT_FALSE(socket.dataLeftInCurrentBundle());
     EXPECT_EQ(socket.NwReportPktsRcvd(), 0);
     EXPECT_EQ(socket.lastSourceInetAddr(), 0u);
-    EXPECT_EQ(socket.bufferSize, 15000);
+    EXPECT_EQ(fields.bufferSize, 15000);
 }
 
-TEST_F(ReceiveSettings, unbundlingIsAnythingButZero) {
+TEST_P(ReceiveSettings, unbundlingIsAnythingButZero) {
     socket.setUnbundling(0);
     EXPECT_FALSE(socket.isUnbundling());
     for (int on : {1, 2, -1, INT_MIN, 256}) {
@@ -186,7 +229,7 @@ TEST_F(ReceiveSettings, unbundlingIsAnythingButZero) {
     }
 }
 
-TEST_F(ReceiveSettings, minPacketSizeAndOffsetAreStoredUnchecked) {
+TEST_P(ReceiveSettings, minPacketSizeAndOffsetAreStoredUnchecked) {
     for (int value : {0, -1, 1, 12, 65536, INT_MAX, INT_MIN}) {
         socket.setMinPacketSize(value);
         EXPECT_EQ(socket.minPacketSize(), value);
@@ -196,7 +239,7 @@ TEST_F(ReceiveSettings, minPacketSizeAndOffsetAreStoredUnchecked) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(ReceiveSettings, lengthWidthIsOneTwoOrFour) {
+TEST_P(ReceiveSettings, lengthWidthIsOneTwoOrFour) {
     for (int width : {1, 2, 4}) {
         socket.setSizeLength(width);
         EXPECT_EQ(socket.sizeLength(), width);
@@ -204,7 +247,7 @@ TEST_F(ReceiveSettings, lengthWidthIsOneTwoOrFour) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(ReceiveSettings, anyOtherWidthStoresTwoAndWarns) {
+TEST_P(ReceiveSettings, anyOtherWidthStoresTwoAndWarns) {
     for (int width : {3, 0, 5, 8, -1, -4, INT_MAX, INT_MIN, 258, 65540}) {
         socket.setSizeLength(4);
         socket.setSizeLength(width);
@@ -218,14 +261,14 @@ TEST_F(ReceiveSettings, anyOtherWidthStoresTwoAndWarns) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(ReceiveSettings, headerTestIsSwitchedOffAndOn) {
+TEST_P(ReceiveSettings, headerTestIsSwitchedOffAndOn) {
     socket.enableDisHeaderTest(false);
     EXPECT_FALSE(socket.testDisHeader());
     socket.enableDisHeaderTest(true);
     EXPECT_TRUE(socket.testDisHeader());
 }
 
-TEST_F(ReceiveSettings, sixArgumentFormSetsTheReceivingSide) {
+TEST_P(ReceiveSettings, sixArgumentFormSetsTheReceivingSide) {
     socket.setBundling(0, true, 5, 2, 1, false);
     EXPECT_TRUE(socket.isUnbundling());
     EXPECT_EQ(socket.minPacketSize(), 5);
@@ -253,7 +296,7 @@ TEST_F(ReceiveSettings, sixArgumentFormSetsTheReceivingSide) {
 
 // --- one datagram ----------------------------------------------------------------------------------------
 
-TEST_F(Datagrams, nothingWaitingGivesZeroAndNullInSilence) {
+TEST_P(Datagrams, nothingWaitingGivesZeroAndNullInSilence) {
     for (int on : {1, 0}) {
         socket.setUnbundling(on);
         const Taken taken = take();
@@ -265,7 +308,7 @@ TEST_F(Datagrams, nothingWaitingGivesZeroAndNullInSilence) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Datagrams, packetIsDeliveredFromItsSender) {
+TEST_P(Datagrams, packetIsDeliveredFromItsSender) {
     UdpPeer other(kOtherLoopback);
     const std::string packet = pdu(144, 1);
     for (int on : {1, 0}) {
@@ -284,7 +327,7 @@ TEST_F(Datagrams, packetIsDeliveredFromItsSender) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Datagrams, statusMayBeNull) {
+TEST_P(Datagrams, statusMayBeNull) {
     char* place = untouched;
     EXPECT_EQ(socket.NwRecv(&place, nullptr), 0);
     EXPECT_EQ(place, nullptr);
@@ -302,7 +345,7 @@ TEST_F(Datagrams, statusMayBeNull) {
     EXPECT_EQ(place, untouched);
 }
 
-TEST_F(Datagrams, bundleIsDeliveredWholeWhileUnbundlingIsOff) {
+TEST_P(Datagrams, bundleIsDeliveredWholeWhileUnbundlingIsOff) {
     socket.setUnbundling(0);
     const std::string bundle = pdu(144, 1) + pdu(32, 2) + pdu(12, 3);
     feed(bundle);
@@ -312,7 +355,7 @@ TEST_F(Datagrams, bundleIsDeliveredWholeWhileUnbundlingIsOff) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Datagrams, anySizeIsDeliveredWhileUnbundlingIsOff) {
+TEST_P(Datagrams, anySizeIsDeliveredWhileUnbundlingIsOff) {
     socket.setUnbundling(0);
     for (int size : {1, 2, 3, 11, 12, 14999, 15000}) {
         const std::string bytes = highBytes(size);
@@ -322,7 +365,7 @@ TEST_F(Datagrams, anySizeIsDeliveredWhileUnbundlingIsOff) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Datagrams, emptyDatagramCountsAndDeliversNothing) {
+TEST_P(Datagrams, emptyDatagramCountsAndDeliversNothing) {
     feed("");
     const Taken taken = take();
     EXPECT_EQ(taken.length, 0);
@@ -336,7 +379,7 @@ TEST_F(Datagrams, emptyDatagramCountsAndDeliversNothing) {
     const Taken whole = take();
     EXPECT_EQ(whole.length, 0);
     EXPECT_EQ(whole.status, 0);
-    EXPECT_EQ(whole.place, socket.recvBuffer.get());
+    EXPECT_EQ(whole.place, fields.recvBuffer.get());
     EXPECT_EQ(messages.all(), kEmptyWarning);
     EXPECT_EQ(socket.NwReportPktsRcvd(), 2);
 
@@ -347,28 +390,28 @@ TEST_F(Datagrams, emptyDatagramCountsAndDeliversNothing) {
     EXPECT_EQ(socket.NwReportPktsRcvd(), 3);
 }
 
-TEST_F(Datagrams, emptyDatagramLeavesNoCursorBehind) {
+TEST_P(Datagrams, emptyDatagramLeavesNoCursorBehind) {
     for (int smallest : {12, 0, -1, INT_MIN}) {
         socket.setMinPacketSize(smallest);
         feed("");
         feed(pdu(40, 1) + pdu(30, 2));
         EXPECT_EQ(next(), kNone);
-        EXPECT_EQ(socket.bundleCursor, nullptr);
+        EXPECT_EQ(fields.bundleCursor, nullptr);
         EXPECT_FALSE(socket.dataLeftInCurrentBundle());
         EXPECT_EQ(next(), pdu(40, 1));
-        EXPECT_EQ(socket.firstInBundle, 1);
+        EXPECT_EQ(fields.firstInBundle, 1);
         EXPECT_EQ(next(), pdu(30, 2));
         EXPECT_EQ(next(), kNone);
     }
 }
 
-TEST_F(Datagrams, countsDatagramsNotPackets) {
+TEST_P(Datagrams, countsDatagramsNotPackets) {
     feed(pdu(144, 1) + pdu(144, 2) + pdu(144, 3));
     EXPECT_EQ(takeLengths(), (std::vector<int>{144, 144, 144}));
     EXPECT_EQ(socket.NwReportPktsRcvd(), 1);
 }
 
-TEST_F(Datagrams, shortRefusedAndEmptyOnesCountAsReceived) {
+TEST_P(Datagrams, shortRefusedAndEmptyOnesCountAsReceived) {
     unsigned int refused[] = {9};
     socket.exerciseId().setTest(NwTestExclude, 1, refused);
     feed("short");
@@ -383,8 +426,8 @@ TEST_F(Datagrams, shortRefusedAndEmptyOnesCountAsReceived) {
     EXPECT_EQ(socket.NwReportPktsRcvd(), 4);
 }
 
-TEST_F(Datagrams, countWrapsPastItsLargestValue) {
-    socket.packetsReceived = INT_MAX;
+TEST_P(Datagrams, countWrapsPastItsLargestValue) {
+    fields.packetsReceived = INT_MAX;
     feed(pdu(20));
     EXPECT_EQ(next(), pdu(20));
     EXPECT_EQ(socket.NwReportPktsRcvd(), INT_MIN);
@@ -394,30 +437,32 @@ TEST_F(Datagrams, countWrapsPastItsLargestValue) {
     EXPECT_EQ(socket.NwReportPktsRcvd(), INT_MIN + 1);
 }
 
-TEST_F(Datagrams, readErrorIsReportedAndGivesZeroAndNull) {
+TEST_P(Datagrams, readErrorIsReportedAndGivesZeroAndNull) {
     for (int on : {1, 0}) {
-        Receiver broken;  // blocking
+        const std::unique_ptr<NwNetSocket> owner = makeReceiver(GetParam());  // blocking
+        NwNetSocket& broken = *owner;
         broken.setUnbundling(on);
-        ::close(broken.socketFd);
+        ::close(fieldsOf(broken).socketFd);
         Taken taken = takeFrom(broken);
         EXPECT_EQ(taken.length, 0);
         EXPECT_EQ(taken.status, 0);
         EXPECT_EQ(taken.place, nullptr);
         EXPECT_EQ(messages.all(), systemReport("Network read error", EBADF));
-        broken.blocking = 0;  // only "nothing there" is silent on a non-blocking socket
+        fieldsOf(broken).blocking = 0;  // only "nothing there" is silent on a non-blocking socket
         EXPECT_EQ(nextFrom(broken), kNone);
         EXPECT_EQ(messages.all(), systemReport("Network read error", EBADF));
         Quiet quiet;
         EXPECT_EQ(nextFrom(broken), kNone);
         EXPECT_EQ(messages.all(), "");
         EXPECT_EQ(broken.NwReportPktsRcvd(), 0);
-        broken.socketFd = -1;
+        fieldsOf(broken).socketFd = -1;
     }
 }
 
 // The descriptor is what waits; the socket only knows that it is a blocking one.
-TEST_F(Datagrams, timeOutOfABlockingSocketIsAReadError) {
-    Receiver waiting;
+TEST_P(Datagrams, timeOutOfABlockingSocketIsAReadError) {
+    const std::unique_ptr<NwNetSocket> owner = makeReceiver(GetParam());
+    NwNetSocket& waiting = *owner;
     const timeval soon = {0, 1000};
     ASSERT_EQ(::setsockopt(waiting.readFd(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon), 0);
     EXPECT_EQ(nextFrom(waiting), kNone);
@@ -427,8 +472,9 @@ TEST_F(Datagrams, timeOutOfABlockingSocketIsAReadError) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Datagrams, blockingSocketWaitsForADatagram) {
-    Receiver waiting;
+TEST_P(Datagrams, blockingSocketWaitsForADatagram) {
+    const std::unique_ptr<NwNetSocket> owner = makeReceiver(GetParam());
+    NwNetSocket& waiting = *owner;
     std::string got;
     std::atomic<bool> done(false);
     std::thread reader([&] {
@@ -436,16 +482,17 @@ TEST_F(Datagrams, blockingSocketWaitsForADatagram) {
         done = true;
     });
     EXPECT_FALSE(done);
-    peer.send(pdu(50, 4), waiting.port);
+    peer.send(pdu(50, 4), fieldsOf(waiting).port);
     reader.join();
     EXPECT_EQ(got, pdu(50, 4));
 }
 
-TEST_F(Datagrams, interruptedReadIsReportedNotRepeated) {
+TEST_P(Datagrams, interruptedReadIsReportedNotRepeated) {
     struct sigaction action = {}, old = {};
     action.sa_handler = [](int) {};
     ASSERT_EQ(::sigaction(SIGUSR1, &action, &old), 0);
-    Receiver waiting;
+    const std::unique_ptr<NwNetSocket> owner = makeReceiver(GetParam());
+    NwNetSocket& waiting = *owner;
     std::string got;
     std::atomic<bool> done(false);
     std::thread reader([&] {
@@ -456,14 +503,14 @@ TEST_F(Datagrams, interruptedReadIsReportedNotRepeated) {
         if (!done) ::pthread_kill(reader.native_handle(), SIGUSR1);
         return done.load();
     }));
-    if (!done) peer.send("a packet that ends the wait", waiting.port);
+    if (!done) peer.send("a packet that ends the wait", fieldsOf(waiting).port);
     reader.join();
     ::sigaction(SIGUSR1, &old, nullptr);
     EXPECT_EQ(got, kNone);
     EXPECT_EQ(messages.all(), systemReport("Network read error", EINTR));
 }
 
-TEST_F(Datagrams, socketThatDoesNotReadSaysSo) {
+TEST_P(Datagrams, socketThatDoesNotReadSaysSo) {
     NwNetSocket writeOnly(freePort(), kLoopback, (unsigned char)(NwNetSocketWrite | NwNetSocketQuietStart),
                           kLoopback);
     NwNetSocket closed(freePort(), kLoopback, (unsigned char)NwNetSocketQuietStart, kLoopback);
@@ -487,25 +534,25 @@ TEST_F(Datagrams, socketThatDoesNotReadSaysSo) {
     }
 }
 
-TEST_F(Datagrams, readOnlySocketReceives) {
+TEST_P(Datagrams, readOnlySocketReceives) {
     EXPECT_EQ(socket.writeFd(), -1);
     feed(pdu(33));
     EXPECT_EQ(next(), pdu(33));
 }
 
-TEST_F(Datagrams, recvFromNetReadsOne) {
+TEST_P(Datagrams, recvFromNetReadsOne) {
     char* place = untouched;
     EXPECT_EQ(socket.recvFromNet(&place), 0);
     EXPECT_EQ(place, nullptr);
     feed(pdu(144) + pdu(144));
     EXPECT_EQ(socket.recvFromNet(&place), 288);
-    EXPECT_EQ(place, socket.recvBuffer.get());
-    EXPECT_EQ(socket.bundleCursor, nullptr);
+    EXPECT_EQ(place, fields.recvBuffer.get());
+    EXPECT_EQ(fields.bundleCursor, nullptr);
     EXPECT_EQ(socket.NwReportPktsRcvd(), 1);
     feed("");
     place = untouched;
     EXPECT_EQ(socket.recvFromNet(&place), 0);
-    EXPECT_EQ(place, socket.recvBuffer.get());
+    EXPECT_EQ(place, fields.recvBuffer.get());
     EXPECT_EQ(socket.NwReportPktsRcvd(), 2);
     socket.setFilterPort(peer.port());
     feed(pdu(144));
@@ -520,10 +567,10 @@ TEST_F(Datagrams, recvFromNetReadsOne) {
 namespace {
 
 // A receiver built while the process-wide packet size was another one.
-std::unique_ptr<Receiver> receiverWithRoom(int bytes) {
+std::unique_ptr<NwNetSocket> receiverWithRoom(int bytes, WhichClass which) {
     const int before = NwMaxPacketSize();
     NwSetMaxPacketSize(bytes);
-    std::unique_ptr<Receiver> receiver(new Receiver);
+    std::unique_ptr<NwNetSocket> receiver = makeReceiver(which);
     NwSetMaxPacketSize(before);
     receiver->NwBecomeNonBlocking();
     return receiver;
@@ -531,20 +578,20 @@ std::unique_ptr<Receiver> receiverWithRoom(int bytes) {
 
 }  // namespace
 
-TEST_F(Datagrams, sizeIsThatOfConstruction) {
-    const std::unique_ptr<Receiver> roomy = receiverWithRoom(20000);
+TEST_P(Datagrams, sizeIsThatOfConstruction) {
+    const std::unique_ptr<NwNetSocket> roomy = receiverWithRoom(20000, GetParam());
     const std::string large = withLength(highBytes(18000), 18000);
     land(peer, large, *roomy);
     EXPECT_EQ(nextFrom(*roomy), large);
-    EXPECT_EQ(roomy->bufferSize, 20000);
+    EXPECT_EQ(fieldsOf(*roomy).bufferSize, 20000);
     NwSetMaxPacketSize(100);
     feed(pdu(200));
     EXPECT_EQ(next(), pdu(200));
     NwSetMaxPacketSize(15000);
 }
 
-TEST_F(Datagrams, longerOnesAreCutToTheBuffer) {
-    const std::unique_ptr<Receiver> small = receiverWithRoom(100);
+TEST_P(Datagrams, longerOnesAreCutToTheBuffer) {
+    const std::unique_ptr<NwNetSocket> small = receiverWithRoom(100, GetParam());
     land(peer, pdu(150), *small);
     EXPECT_EQ(nextFrom(*small), pdu(150).substr(0, 100));
     land(peer, pdu(60, 1) + pdu(60, 2), *small);
@@ -562,10 +609,10 @@ TEST_F(Datagrams, longerOnesAreCutToTheBuffer) {
     EXPECT_EQ(nextFrom(*small), pdu(100));
 }
 
-TEST_F(Datagrams, bufferWithoutRoomReceivesEmptyOnes) {
+TEST_P(Datagrams, bufferWithoutRoomReceivesEmptyOnes) {
     for (int room : {0, -1, INT_MIN}) {
-        const std::unique_ptr<Receiver> none = receiverWithRoom(room);
-        EXPECT_EQ(none->bufferSize, room);
+        const std::unique_ptr<NwNetSocket> none = receiverWithRoom(room, GetParam());
+        EXPECT_EQ(fieldsOf(*none).bufferSize, room);
         messages.all();
         for (int on : {1, 0}) {
             none->setUnbundling(on);
@@ -580,8 +627,8 @@ TEST_F(Datagrams, bufferWithoutRoomReceivesEmptyOnes) {
     }
 }
 
-TEST_F(Datagrams, bufferOfOneByteWorks) {
-    const std::unique_ptr<Receiver> tiny = receiverWithRoom(1);
+TEST_P(Datagrams, bufferOfOneByteWorks) {
+    const std::unique_ptr<NwNetSocket> tiny = receiverWithRoom(1, GetParam());
     messages.all();
     land(peer, "xyz", *tiny);
     EXPECT_EQ(nextFrom(*tiny), kNone);
@@ -596,7 +643,7 @@ TEST_F(Datagrams, bufferOfOneByteWorks) {
 
 // --- unbundling ------------------------------------------------------------------------------------------
 
-TEST_F(Unbundling, packetsComeOneACallInOrder) {
+TEST_P(Unbundling, packetsComeOneACallInOrder) {
     feed(pdu(144, 1) + pdu(12, 2) + pdu(400, 3) + pdu(13, 4));
     EXPECT_EQ(next(), pdu(144, 1));
     EXPECT_TRUE(socket.dataLeftInCurrentBundle());
@@ -610,22 +657,22 @@ TEST_F(Unbundling, packetsComeOneACallInOrder) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Unbundling, twoPacketsOf144) {
+TEST_P(Unbundling, twoPacketsOf144) {
     feed(pdu(144, 1) + pdu(144, 2));
     Taken taken = take();
     EXPECT_EQ(taken.bytes, pdu(144, 1));
-    EXPECT_EQ(taken.place, socket.recvBuffer.get());
-    EXPECT_EQ(socket.firstInBundle, 1);
+    EXPECT_EQ(taken.place, fields.recvBuffer.get());
+    EXPECT_EQ(fields.firstInBundle, 1);
     taken = take();
     EXPECT_EQ(taken.length, 144);
     EXPECT_EQ(taken.status, 1);
     EXPECT_EQ(taken.bytes, pdu(144, 2));
-    EXPECT_EQ(taken.place, socket.copyBuffer.get());
-    EXPECT_EQ(socket.firstInBundle, 0);
+    EXPECT_EQ(taken.place, fields.copyBuffer.get());
+    EXPECT_EQ(fields.firstInBundle, 0);
     EXPECT_EQ(socket.NwReportPktsRcvd(), 1);
 }
 
-TEST_F(Unbundling, nextDatagramIsReadOnlyWhenTheLastOneIsDone) {
+TEST_P(Unbundling, nextDatagramIsReadOnlyWhenTheLastOneIsDone) {
     UdpPeer other(kOtherLoopback);
     feed(pdu(20, 1) + pdu(20, 2));
     land(other, pdu(20, 3) + pdu(20, 4), socket);
@@ -638,7 +685,7 @@ TEST_F(Unbundling, nextDatagramIsReadOnlyWhenTheLastOneIsDone) {
     EXPECT_EQ(next(), pdu(20, 4));
 }
 
-TEST_F(Unbundling, largestDatagramOfSmallestPackets) {
+TEST_P(Unbundling, largestDatagramOfSmallestPackets) {
     std::string bundle;
     for (int i = 0; i < 1250; ++i) bundle += pdu(12, 0, 7, 1, i & 0xFF);
     feed(bundle);
@@ -647,7 +694,7 @@ TEST_F(Unbundling, largestDatagramOfSmallestPackets) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Unbundling, unknownTypeInMidBundleIsNoError) {
+TEST_P(Unbundling, unknownTypeInMidBundleIsNoError) {
     feed(pdu(20, 1) + pdu(20, 2, 7, 1, 255) + pdu(20, 3, 7, 1, 0));
     EXPECT_EQ(next(), pdu(20, 1));
     EXPECT_EQ(next(), pdu(20, 2, 7, 1, 255));
@@ -655,7 +702,7 @@ TEST_F(Unbundling, unknownTypeInMidBundleIsNoError) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Unbundling, shortDatagramIsDiscardedAndTheNextOneRead) {
+TEST_P(Unbundling, shortDatagramIsDiscardedAndTheNextOneRead) {
     for (int size : {1, 9, 10, 11}) {
         feed(highBytes(size));
         feed(pdu(20, size));
@@ -666,24 +713,24 @@ TEST_F(Unbundling, shortDatagramIsDiscardedAndTheNextOneRead) {
     EXPECT_EQ(next(), kNone);
     EXPECT_EQ(messages.all(), kShortFirst);
     EXPECT_FALSE(socket.dataLeftInCurrentBundle());
-    EXPECT_EQ(socket.bytesLeftInBundle, 0);
+    EXPECT_EQ(fields.bytesLeftInBundle, 0);
     EXPECT_EQ(socket.NwReportPktsRcvd(), 9);
 }
 
-TEST_F(Unbundling, everyShortDatagramIsWarnedOfOnItsOwn) {
+TEST_P(Unbundling, everyShortDatagramIsWarnedOfOnItsOwn) {
     for (int i = 0; i < 3; ++i) feed("short");
     EXPECT_EQ(next(), kNone);
     EXPECT_EQ(messages.all(), std::string(kShortFirst) + kShortFirst + kShortFirst);
     EXPECT_EQ(socket.NwReportPktsRcvd(), 3);
 }
 
-TEST_F(Unbundling, packetOfExactlyTheMinimumIsDelivered) {
+TEST_P(Unbundling, packetOfExactlyTheMinimumIsDelivered) {
     feed(pdu(12));
     EXPECT_EQ(next(), pdu(12));
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Unbundling, paddingBehindTheLastPacketIsDiscarded) {
+TEST_P(Unbundling, paddingBehindTheLastPacketIsDiscarded) {
     feed(pdu(144, 1) + std::string(8, '\0'));
     feed(pdu(144, 2));
     EXPECT_EQ(next(), pdu(144, 1));
@@ -691,10 +738,10 @@ TEST_F(Unbundling, paddingBehindTheLastPacketIsDiscarded) {
     EXPECT_EQ(messages.all(), "");
     EXPECT_EQ(next(), pdu(144, 2));
     EXPECT_EQ(messages.all(), kShortLater);
-    EXPECT_EQ(socket.firstInBundle, 1);
+    EXPECT_EQ(fields.firstInBundle, 1);
 }
 
-TEST_F(Unbundling, paddingOfElevenIsDiscardedAndOfTwelveDelivered) {
+TEST_P(Unbundling, paddingOfElevenIsDiscardedAndOfTwelveDelivered) {
     feed(pdu(30, 1) + std::string(11, '\0'));
     EXPECT_EQ(next(), pdu(30, 1));
     EXPECT_EQ(next(), kNone);
@@ -706,7 +753,7 @@ TEST_F(Unbundling, paddingOfElevenIsDiscardedAndOfTwelveDelivered) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Unbundling, warningsKeepQuiet) {
+TEST_P(Unbundling, warningsKeepQuiet) {
     Quiet quiet;
     feed("short");
     feed(pdu(20, 1) + "padding");
@@ -717,7 +764,7 @@ TEST_F(Unbundling, warningsKeepQuiet) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Unbundling, warningNamesTheMinimumThatWasSet) {
+TEST_P(Unbundling, warningNamesTheMinimumThatWasSet) {
     for (int smallest : {2000, INT_MAX}) {
         socket.setMinPacketSize(smallest);
         feed(pdu(144));
@@ -732,7 +779,7 @@ TEST_F(Unbundling, warningNamesTheMinimumThatWasSet) {
     EXPECT_EQ(messages.all(), "NwNetSocket: unbundling problem: packet size less than 40 bytes\n");
 }
 
-TEST_F(Unbundling, withoutMinimumEveryByteIsDelivered) {
+TEST_P(Unbundling, withoutMinimumEveryByteIsDelivered) {
     for (int smallest : {1, 0, -1, -3, INT_MIN}) {
         socket.setMinPacketSize(smallest);
         feed("x");
@@ -746,13 +793,13 @@ TEST_F(Unbundling, withoutMinimumEveryByteIsDelivered) {
 }
 
 // The minimum is a rule for what remains of a datagram, not for a packet's own length.
-TEST_F(Unbundling, packetWhoseLengthIsBelowTheMinimumIsDeliveredSo) {
+TEST_P(Unbundling, packetWhoseLengthIsBelowTheMinimumIsDeliveredSo) {
     feed(withLength(pdu(40, 1), 11) + pdu(20, 2));
     const std::string bytes = withLength(pdu(40, 1), 11) + pdu(20, 2);
     Taken taken = take();
     EXPECT_EQ(taken.status, 1);
     EXPECT_EQ(taken.bytes, bytes.substr(0, 11));
-    EXPECT_EQ(socket.bytesLeftInBundle, 49);
+    EXPECT_EQ(fields.bytesLeftInBundle, 49);
 }
 
 // Whatever was buffered must be on its way before the program goes on: meant, also while sockets are quiet.
@@ -798,11 +845,12 @@ TEST(UnbundlingOutput, standardOutputIsLeftAloneWhenNothingIsDiscarded) {
     EXPECT_EQ(child.standardOutput, "");
 }
 
-TEST_F(Unbundling, shortDatagramMakesABlockingSocketWaitForTheNext) {
-    Receiver waiting;
+TEST_P(Unbundling, shortDatagramMakesABlockingSocketWaitForTheNext) {
+    const std::unique_ptr<NwNetSocket> owner = makeReceiver(GetParam());
+    NwNetSocket& waiting = *owner;
     std::string got;
     std::atomic<bool> done(false);
-    peer.send("short", waiting.port);
+    peer.send("short", fieldsOf(waiting).port);
     std::thread reader([&] {
         got = nextFrom(waiting);
         done = true;
@@ -810,7 +858,7 @@ TEST_F(Unbundling, shortDatagramMakesABlockingSocketWaitForTheNext) {
     EXPECT_TRUE(eventually([&] { return queuedMemory(waiting.readFd()) == 0; }))
         << "the short one is not read";
     EXPECT_FALSE(done);
-    peer.send(pdu(20, 7), waiting.port);
+    peer.send(pdu(20, 7), fieldsOf(waiting).port);
     reader.join();
     EXPECT_EQ(got, pdu(20, 7));
     EXPECT_EQ(messages.all(), kShortFirst);
@@ -818,7 +866,7 @@ TEST_F(Unbundling, shortDatagramMakesABlockingSocketWaitForTheNext) {
 
 // --- the DIS header test ---------------------------------------------------------------------------------
 
-TEST_F(HeaderTest, otherExerciseIsDeliveredAsTheRestAfterAWarning) {
+TEST_P(HeaderTest, otherExerciseIsDeliveredAsTheRestAfterAWarning) {
     feed(pdu(144, 1, 7, 1) + pdu(144, 2, 7, 5));
     EXPECT_EQ(next(), pdu(144, 1, 7, 1));
     EXPECT_EQ(messages.all(), "");
@@ -826,13 +874,13 @@ TEST_F(HeaderTest, otherExerciseIsDeliveredAsTheRestAfterAWarning) {
     EXPECT_EQ(taken.length, 144);
     EXPECT_EQ(taken.status, 1);
     EXPECT_EQ(taken.bytes, pdu(144, 2, 7, 5));
-    EXPECT_EQ(taken.place, socket.copyBuffer.get());
+    EXPECT_EQ(taken.place, fields.copyBuffer.get());
     EXPECT_EQ(messages.all(),
               std::string(kHeaderWarning) + "    (Protocol,exercise) = (7,5) when expecting (7,1)\n");
     EXPECT_FALSE(socket.dataLeftInCurrentBundle());
 }
 
-TEST_F(HeaderTest, otherVersionIsDeliveredAsTheRestAfterAWarning) {
+TEST_P(HeaderTest, otherVersionIsDeliveredAsTheRestAfterAWarning) {
     feed(pdu(144, 1, 6, 200) + pdu(144, 2, 255, 200));
     EXPECT_EQ(next(), pdu(144, 1, 6, 200));
     EXPECT_EQ(next(), pdu(144, 2, 255, 200));
@@ -840,7 +888,7 @@ TEST_F(HeaderTest, otherVersionIsDeliveredAsTheRestAfterAWarning) {
               std::string(kHeaderWarning) + "    (Protocol,exercise) = (255,200) when expecting (6,200)\n");
 }
 
-TEST_F(HeaderTest, everythingFromTheFirstUnlikeHeaderIsOneRest) {
+TEST_P(HeaderTest, everythingFromTheFirstUnlikeHeaderIsOneRest) {
     feed(pdu(20, 1) + pdu(20, 2) + pdu(30, 3, 6) + pdu(20, 4) + pdu(20, 5));
     EXPECT_EQ(next(), pdu(20, 1));
     EXPECT_EQ(next(), pdu(20, 2));
@@ -850,19 +898,19 @@ TEST_F(HeaderTest, everythingFromTheFirstUnlikeHeaderIsOneRest) {
               std::string(kHeaderWarning) + "    (Protocol,exercise) = (6,1) when expecting (7,1)\n");
 }
 
-TEST_F(HeaderTest, comparesWithTheFirstPacketOfTheSameDatagram) {
+TEST_P(HeaderTest, comparesWithTheFirstPacketOfTheSameDatagram) {
     feed(pdu(20, 1, 5, 1) + pdu(20, 2, 5, 1));
     feed(pdu(20, 3, 6, 2) + pdu(20, 4, 6, 2));
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(next(), pdu(20, i, 5, 1));
-    EXPECT_EQ(socket.bundleProtocol, 5);
-    EXPECT_EQ(socket.bundleExercise, 1);
+    EXPECT_EQ(fields.bundleProtocol, 5);
+    EXPECT_EQ(fields.bundleExercise, 1);
     for (int i = 3; i <= 4; ++i) EXPECT_EQ(next(), pdu(20, i, 6, 2));
-    EXPECT_EQ(socket.bundleProtocol, 6);
-    EXPECT_EQ(socket.bundleExercise, 2);
+    EXPECT_EQ(fields.bundleProtocol, 6);
+    EXPECT_EQ(fields.bundleExercise, 2);
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(HeaderTest, headerOfARefusedFirstPacketStillCounts) {
+TEST_P(HeaderTest, headerOfARefusedFirstPacketStillCounts) {
     unsigned int types[] = {99};
     socket.pduKind().setTest(NwTestExclude, 1, types);
     feed(pdu(20, 1, 7, 3, 99) + pdu(20, 2, 7, 3) + pdu(20, 3, 7, 4));
@@ -874,7 +922,7 @@ TEST_F(HeaderTest, headerOfARefusedFirstPacketStillCounts) {
               std::string(kHeaderWarning) + "    (Protocol,exercise) = (7,4) when expecting (7,3)\n");
 }
 
-TEST_F(HeaderTest, lengthIsAlwaysTwoBytesAtEight) {
+TEST_P(HeaderTest, lengthIsAlwaysTwoBytesAtEight) {
     for (int width : {1, 2, 4}) {
         for (int offset : {0, 4, -1, INT_MIN, INT_MAX, 1000}) {
             socket.setSizeLength(width);
@@ -887,7 +935,7 @@ TEST_F(HeaderTest, lengthIsAlwaysTwoBytesAtEight) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(HeaderTest, mixedHeadersAreSplitWhileItIsOff) {
+TEST_P(HeaderTest, mixedHeadersAreSplitWhileItIsOff) {
     socket.enableDisHeaderTest(false);
     feed(pdu(20, 1, 5, 1) + pdu(20, 2, 6, 2) + pdu(20, 3, 7, 3));
     EXPECT_EQ(next(), pdu(20, 1, 5, 1));
@@ -897,7 +945,7 @@ TEST_F(HeaderTest, mixedHeadersAreSplitWhileItIsOff) {
 }
 
 // Ten bytes is where the field ends; a shorter packet has none, whatever lies behind it in the buffer.
-TEST_F(HeaderTest, packetTooShortForItsLengthFieldIsTheRest) {
+TEST_P(HeaderTest, packetTooShortForItsLengthFieldIsTheRest) {
     socket.setMinPacketSize(0);
     feed(std::string(100, '\1'));  // what an earlier datagram left in the buffer must not be read
     EXPECT_EQ(next().size(), 100u);
@@ -913,7 +961,7 @@ TEST_F(HeaderTest, packetTooShortForItsLengthFieldIsTheRest) {
     EXPECT_FALSE(socket.dataLeftInCurrentBundle());
 }
 
-TEST_F(HeaderTest, bytesBeyondAShortPacketReadAsZero) {
+TEST_P(HeaderTest, bytesBeyondAShortPacketReadAsZero) {
     socket.setMinPacketSize(0);
     feed(std::string(200, '\x55'));
     EXPECT_EQ(next().size(), 200u);
@@ -927,7 +975,7 @@ TEST_F(HeaderTest, bytesBeyondAShortPacketReadAsZero) {
 
 // --- length fields ---------------------------------------------------------------------------------------
 
-TEST_F(LengthFields, everyValueAtEveryWidthInBothOrders) {
+TEST_P(LengthFields, everyValueAtEveryWidthInBothOrders) {
     const int kSize = 64, kField = 4;
     struct Row {
         unsigned long value;
@@ -967,7 +1015,7 @@ TEST_F(LengthFields, everyValueAtEveryWidthInBothOrders) {
     }
 }
 
-TEST_F(LengthFields, everyValueOfTheDisLengthInBothOrders) {
+TEST_P(LengthFields, everyValueOfTheDisLengthInBothOrders) {
     struct Row {
         int value;
         std::vector<int> lengths;
@@ -993,7 +1041,7 @@ TEST_F(LengthFields, everyValueOfTheDisLengthInBothOrders) {
     }
 }
 
-TEST_F(LengthFields, networkOrderIsMostSignificantByteFirst) {
+TEST_P(LengthFields, networkOrderIsMostSignificantByteFirst) {
     std::string little = pdu(288, 1);  // 0x0120
     std::swap(little[8], little[9]);
     feed(pdu(288, 1) + pdu(20, 2));
@@ -1009,7 +1057,7 @@ TEST_F(LengthFields, networkOrderIsMostSignificantByteFirst) {
     EXPECT_EQ(next(), pdu(288, 1) + pdu(20, 2));
 }
 
-TEST_F(LengthFields, fourBytesAtTheStart) {
+TEST_P(LengthFields, fourBytesAtTheStart) {
     socket.enableDisHeaderTest(false);
     socket.setSizeLength(4);
     socket.setSizeOffset(0);
@@ -1026,7 +1074,7 @@ TEST_F(LengthFields, fourBytesAtTheStart) {
     EXPECT_EQ(next(), kNone);
 }
 
-TEST_F(LengthFields, oneByteIsReadAsItStands) {
+TEST_P(LengthFields, oneByteIsReadAsItStands) {
     socket.enableDisHeaderTest(false);
     socket.setSizeLength(1);
     socket.setSizeOffset(2);
@@ -1042,7 +1090,7 @@ TEST_F(LengthFields, oneByteIsReadAsItStands) {
     }
 }
 
-TEST_F(LengthFields, fieldOutsideWhatRemainsCountsAsZero) {
+TEST_P(LengthFields, fieldOutsideWhatRemainsCountsAsZero) {
     socket.enableDisHeaderTest(false);
     const int kSize = 64;
     struct Row {
@@ -1071,7 +1119,7 @@ TEST_F(LengthFields, fieldOutsideWhatRemainsCountsAsZero) {
     }
 }
 
-TEST_F(LengthFields, steppingByOneByteReachesTheEnd) {
+TEST_P(LengthFields, steppingByOneByteReachesTheEnd) {
     socket.enableDisHeaderTest(false);
     socket.setMinPacketSize(1);
     socket.setSizeLength(1);
@@ -1081,7 +1129,7 @@ TEST_F(LengthFields, steppingByOneByteReachesTheEnd) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(LengthFields, settingsMayChangeInMidDatagram) {
+TEST_P(LengthFields, settingsMayChangeInMidDatagram) {
     feed(pdu(40, 1) + field(30, 4) + highBytes(26) + pdu(20, 2));
     EXPECT_EQ(next(), pdu(40, 1));
     socket.enableDisHeaderTest(false);
@@ -1095,7 +1143,7 @@ TEST_F(LengthFields, settingsMayChangeInMidDatagram) {
 
 // --- own packets -----------------------------------------------------------------------------------------
 
-TEST_F(OwnPackets, statusIsMinusThreeAndTheCallersPointerUntouchedWhileUnbundlingIsOff) {
+TEST_P(OwnPackets, statusIsMinusThreeAndTheCallersPointerUntouchedWhileUnbundlingIsOff) {
     socket.setUnbundling(0);
     socket.setFilterPort(peer.port());
     feed(pdu(20, 1));
@@ -1112,7 +1160,7 @@ TEST_F(OwnPackets, statusIsMinusThreeAndTheCallersPointerUntouchedWhileUnbundlin
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(OwnPackets, statusIsZeroAndThePointerNullWhileUnbundling) {
+TEST_P(OwnPackets, statusIsZeroAndThePointerNullWhileUnbundling) {
     socket.setFilterPort(peer.port());
     feed(pdu(20, 1) + pdu(20, 2));
     const Taken taken = take();
@@ -1124,7 +1172,7 @@ TEST_F(OwnPackets, statusIsZeroAndThePointerNullWhileUnbundling) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(OwnPackets, callEndsWithTheOwnOneAndTheNextReadsOn) {
+TEST_P(OwnPackets, callEndsWithTheOwnOneAndTheNextReadsOn) {
     UdpPeer other(kOtherLoopback);
     socket.setFilterPort(peer.port());
     for (int smallest : {12, 0, -3, INT_MIN}) {
@@ -1139,7 +1187,7 @@ TEST_F(OwnPackets, callEndsWithTheOwnOneAndTheNextReadsOn) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(OwnPackets, addressAndPortMustBothBeOurs) {
+TEST_P(OwnPackets, addressAndPortMustBothBeOurs) {
     socket.setUnbundling(0);
     UdpPeer sameAddress(kLoopback);
     UdpPeer samePort(kOtherLoopback, peer.port());
@@ -1155,7 +1203,7 @@ TEST_F(OwnPackets, addressAndPortMustBothBeOurs) {
     EXPECT_EQ(next(), "other now");
 }
 
-TEST_F(OwnPackets, minusOneSwitchesTheTestOff) {
+TEST_P(OwnPackets, minusOneSwitchesTheTestOff) {
     socket.setUnbundling(0);
     UdpPeer highest(kLoopback, 65535);  // -1 in 16 bits
     land(highest, "highest port", socket);
@@ -1168,7 +1216,7 @@ TEST_F(OwnPackets, minusOneSwitchesTheTestOff) {
     EXPECT_EQ(next(), "highest port");
 }
 
-TEST_F(OwnPackets, portsAreComparedAsNumbers) {
+TEST_P(OwnPackets, portsAreComparedAsNumbers) {
     socket.setUnbundling(0);
     for (int port : {peer.port() + 65536, peer.port() - 65536, INT_MIN, -2, 0}) {
         socket.setFilterPort(port);
@@ -1177,7 +1225,7 @@ TEST_F(OwnPackets, portsAreComparedAsNumbers) {
     }
 }
 
-TEST_F(OwnPackets, emptyOneIsWarnedOfButNotCounted) {
+TEST_P(OwnPackets, emptyOneIsWarnedOfButNotCounted) {
     socket.setFilterPort(peer.port());
     socket.setUnbundling(0);
     feed("");
@@ -1194,7 +1242,7 @@ TEST_F(OwnPackets, emptyOneIsWarnedOfButNotCounted) {
 
 // --- header filters --------------------------------------------------------------------------------------
 
-TEST_F(HeaderFilters, refusedPacketGivesMinusTwoAndNull) {
+TEST_P(HeaderFilters, refusedPacketGivesMinusTwoAndNull) {
     unsigned int wanted[] = {3};
     socket.exerciseId().setTest(NwTestInclude, 1, wanted);
     for (int on : {1, 0}) {
@@ -1210,7 +1258,7 @@ TEST_F(HeaderFilters, refusedPacketGivesMinusTwoAndNull) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(HeaderFilters, eachFieldHasItsTest) {
+TEST_P(HeaderFilters, eachFieldHasItsTest) {
     struct Row {
         NwFilterTest& (NwSocket::*test)();
         std::string passes, fails;
@@ -1236,7 +1284,7 @@ TEST_F(HeaderFilters, eachFieldHasItsTest) {
     }
 }
 
-TEST_F(HeaderFilters, senderIsTestedInHostOrder) {
+TEST_P(HeaderFilters, senderIsTestedInHostOrder) {
     UdpPeer other(kOtherLoopback);
     unsigned int values[] = {kOtherLoopback};
     socket.ipAddr().setTest(NwTestInclude, 1, values);
@@ -1249,7 +1297,7 @@ TEST_F(HeaderFilters, senderIsTestedInHostOrder) {
     EXPECT_EQ(next(), kNone);
 }
 
-TEST_F(HeaderFilters, packetsAroundARefusedOneAreDelivered) {
+TEST_P(HeaderFilters, packetsAroundARefusedOneAreDelivered) {
     unsigned int types[] = {20};
     socket.pduKind().setTest(NwTestExclude, 1, types);
     feed(pdu(20, 1, 7, 1, 1) + pdu(30, 2, 7, 1, 20) + pdu(40, 3, 7, 1, 2));
@@ -1259,7 +1307,7 @@ TEST_F(HeaderFilters, packetsAroundARefusedOneAreDelivered) {
     EXPECT_EQ(next(), pdu(40, 3, 7, 1, 2));
 }
 
-TEST_F(HeaderFilters, zeroIsAValueLikeAnyOther) {
+TEST_P(HeaderFilters, zeroIsAValueLikeAnyOther) {
     unsigned int zero[] = {0};
     socket.exerciseId().setTest(NwTestInclude, 1, zero);
     feed(pdu(20, 1, 7, 1));
@@ -1268,7 +1316,7 @@ TEST_F(HeaderFilters, zeroIsAValueLikeAnyOther) {
     EXPECT_EQ(next(), pdu(20, 2, 7, 0));
 }
 
-TEST_F(HeaderFilters, fieldsBeyondAShortPacketReadAsZero) {
+TEST_P(HeaderFilters, fieldsBeyondAShortPacketReadAsZero) {
     socket.setUnbundling(0);
     unsigned int zero[] = {0};
     socket.exerciseId().setTest(NwTestInclude, 1, zero);
@@ -1281,20 +1329,20 @@ TEST_F(HeaderFilters, fieldsBeyondAShortPacketReadAsZero) {
 
 // --- what the caller gets --------------------------------------------------------------------------------
 
-TEST_F(LentBuffers, firstPacketLiesInTheReceiveBufferLaterOnesInTheCopyBuffer) {
+TEST_P(LentBuffers, firstPacketLiesInTheReceiveBufferLaterOnesInTheCopyBuffer) {
     feed(pdu(20, 1) + pdu(30, 2) + pdu(40, 3));
-    EXPECT_EQ(take().place, socket.recvBuffer.get());
+    EXPECT_EQ(take().place, fields.recvBuffer.get());
     for (int i = 2; i <= 3; ++i) {
         const Taken taken = take();
         EXPECT_EQ(taken.bytes, pdu(10 + 10 * i, i));
-        EXPECT_EQ(taken.place, socket.copyBuffer.get());
+        EXPECT_EQ(taken.place, fields.copyBuffer.get());
     }
     socket.setUnbundling(0);
     feed(pdu(20, 4));
-    EXPECT_EQ(take().place, socket.recvBuffer.get());
+    EXPECT_EQ(take().place, fields.recvBuffer.get());
 }
 
-TEST_F(LentBuffers, lentPacketStaysUntilTheNextReceive) {
+TEST_P(LentBuffers, lentPacketStaysUntilTheNextReceive) {
     feed(pdu(20, 1) + pdu(30, 2));
     const Taken first = take();
     feed(pdu(500, 9));  // waits in the kernel
@@ -1308,7 +1356,7 @@ TEST_F(LentBuffers, lentPacketStaysUntilTheNextReceive) {
     EXPECT_EQ(std::string(second.place, 30), pdu(30, 2));
 }
 
-TEST_F(LentBuffers, lentPacketMayBeOverwrittenByItsBorrower) {
+TEST_P(LentBuffers, lentPacketMayBeOverwrittenByItsBorrower) {
     feed(pdu(20, 1) + pdu(30, 2) + pdu(40, 3));
     Taken taken = take();
     std::memset(taken.place, 0xFF, 20);
@@ -1318,7 +1366,7 @@ TEST_F(LentBuffers, lentPacketMayBeOverwrittenByItsBorrower) {
     EXPECT_EQ(next(), pdu(40, 3));
 }
 
-TEST_F(LentBuffers, largestLaterPacketFitsTheCopyBuffer) {
+TEST_P(LentBuffers, largestLaterPacketFitsTheCopyBuffer) {
     const std::string large = withLength(highBytes(14988), 14988);
     socket.enableDisHeaderTest(false);
     feed(pdu(12) + large);
@@ -1326,36 +1374,36 @@ TEST_F(LentBuffers, largestLaterPacketFitsTheCopyBuffer) {
     EXPECT_EQ(next(), large);
 }
 
-TEST_F(LentBuffers, stepsDeliverInPlace) {
+TEST_P(LentBuffers, stepsDeliverInPlace) {
     feed(pdu(20, 1) + pdu(30, 2));
     char* place = nullptr;
     int status = 77;
     EXPECT_EQ(socket.recvWithStatus(&place, &status), 20);
-    EXPECT_EQ(place, socket.recvBuffer.get());
+    EXPECT_EQ(place, fields.recvBuffer.get());
     EXPECT_EQ(status, 1);
     EXPECT_EQ(socket.recvWithUnbundling(&place), 30);
-    EXPECT_EQ(place, socket.recvBuffer.get() + 20);
+    EXPECT_EQ(place, fields.recvBuffer.get() + 20);
     EXPECT_EQ(std::string(place, 30), pdu(30, 2));
 }
 
-TEST_F(LentBuffers, stepsOfUnbundlingAsTheyGo) {
+TEST_P(LentBuffers, stepsOfUnbundlingAsTheyGo) {
     EXPECT_EQ(socket.getNextPacketSize(), 0u);
     EXPECT_EQ(socket.currentHeaderMatchesFirstInBundle(), 0u);
     feed(pdu(20, 1) + pdu(30, 2));
     socket.findNextPacket();
-    EXPECT_EQ(socket.bundleCursor, socket.recvBuffer.get());
-    EXPECT_EQ(socket.bytesLeftInBundle, 50);
-    EXPECT_EQ(socket.firstInBundle, 1);
+    EXPECT_EQ(fields.bundleCursor, fields.recvBuffer.get());
+    EXPECT_EQ(fields.bytesLeftInBundle, 50);
+    EXPECT_EQ(fields.firstInBundle, 1);
     EXPECT_EQ(socket.getNextPacketSize(), 20u);
     EXPECT_EQ(socket.currentHeaderMatchesFirstInBundle(), 20u);
     char* place = nullptr;
     EXPECT_EQ(socket.recvWithUnbundling(&place), 20);
-    EXPECT_EQ(socket.firstInBundle, 0) << "the packet was found once before";
-    EXPECT_EQ(socket.bytesLeftInBundle, 30);
-    EXPECT_EQ(socket.bundleCursor, socket.recvBuffer.get() + 20);
+    EXPECT_EQ(fields.firstInBundle, 0) << "the packet was found once before";
+    EXPECT_EQ(fields.bytesLeftInBundle, 30);
+    EXPECT_EQ(fields.bundleCursor, fields.recvBuffer.get() + 20);
 }
 
-TEST_F(CopyForm, copiesThePacketAndReturnsItsLength) {
+TEST_P(CopyForm, copiesThePacketAndReturnsItsLength) {
     feed(pdu(144, 1) + pdu(40, 2));
     std::string storage(200, '.');
     EXPECT_EQ(socket.NwRecv(&storage[0], 200ul), 144);
@@ -1365,7 +1413,7 @@ TEST_F(CopyForm, copiesThePacketAndReturnsItsLength) {
     EXPECT_EQ(socket.NwRecv(&storage[0], 200ul), 0);
 }
 
-TEST_F(CopyForm, truncatesAndReturnsTheFullLength) {
+TEST_P(CopyForm, truncatesAndReturnsTheFullLength) {
     for (int on : {1, 0}) {
         socket.setUnbundling(on);
         for (unsigned long room : {143ul, 10ul, 1ul, 0ul}) {
@@ -1379,14 +1427,14 @@ TEST_F(CopyForm, truncatesAndReturnsTheFullLength) {
     EXPECT_EQ(socket.NwRecv(static_cast<char*>(nullptr), 0ul), 144);
 }
 
-TEST_F(CopyForm, aHugeRoomCopiesThePacketAlone) {
+TEST_P(CopyForm, aHugeRoomCopiesThePacketAlone) {
     feed(pdu(144, 1));
     std::string storage(200, '.');
     EXPECT_EQ(socket.NwRecv(&storage[0], ULONG_MAX), 144);
     EXPECT_EQ(storage, pdu(144, 1) + std::string(56, '.'));
 }
 
-TEST_F(CopyForm, leavesTheStorageAloneWhenNothingIsDelivered) {
+TEST_P(CopyForm, leavesTheStorageAloneWhenNothingIsDelivered) {
     std::string storage(200, '.');
     EXPECT_EQ(socket.NwRecv(&storage[0], 200ul), 0);
     socket.exerciseId().setTest(NwTestInclude, 0, nullptr);
@@ -1399,7 +1447,7 @@ TEST_F(CopyForm, leavesTheStorageAloneWhenNothingIsDelivered) {
 
 // --- unbundling switched while packets are pending -------------------------------------------------------
 
-TEST_F(Pending, restWaitsUnharmedWhileUnbundlingIsOff) {
+TEST_P(Pending, restWaitsUnharmedWhileUnbundlingIsOff) {
     UdpPeer other(kOtherLoopback);
     feed(pdu(20, 1) + pdu(30, 2) + pdu(40, 3));
     EXPECT_EQ(next(), pdu(20, 1));
@@ -1409,14 +1457,14 @@ TEST_F(Pending, restWaitsUnharmedWhileUnbundlingIsOff) {
     land(other, between, socket);
     Taken taken = take();
     EXPECT_EQ(taken.bytes, between);
-    EXPECT_EQ(taken.place, socket.recvBuffer.get());
+    EXPECT_EQ(taken.place, fields.recvBuffer.get());
     EXPECT_EQ(socket.lastSourceInetAddr(), kOtherLoopback);
     EXPECT_TRUE(socket.dataLeftInCurrentBundle());
 
     socket.setUnbundling(1);
     taken = take();
     EXPECT_EQ(taken.bytes, pdu(30, 2));
-    EXPECT_EQ(taken.place, socket.copyBuffer.get());
+    EXPECT_EQ(taken.place, fields.copyBuffer.get());
     EXPECT_EQ(socket.lastSourceInetAddr(), kLoopback);
     EXPECT_EQ(next(), pdu(40, 3));
     EXPECT_EQ(socket.lastSourceInetAddr(), kLoopback);
@@ -1426,7 +1474,7 @@ TEST_F(Pending, restWaitsUnharmedWhileUnbundlingIsOff) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Pending, severalDatagramsMayPassMeanwhile) {
+TEST_P(Pending, severalDatagramsMayPassMeanwhile) {
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
@@ -1439,7 +1487,7 @@ TEST_F(Pending, severalDatagramsMayPassMeanwhile) {
     EXPECT_EQ(next(), kNone);
 }
 
-TEST_F(Pending, addressFilterSeesTheirOwnSender) {
+TEST_P(Pending, addressFilterSeesTheirOwnSender) {
     UdpPeer other(kOtherLoopback);
     unsigned int wanted[] = {kLoopback};
     socket.ipAddr().setTest(NwTestInclude, 1, wanted);
@@ -1452,7 +1500,7 @@ TEST_F(Pending, addressFilterSeesTheirOwnSender) {
     EXPECT_EQ(next(), pdu(30, 2));
 }
 
-TEST_F(Pending, addressFilterRefusesThemByTheirOwnSender) {
+TEST_P(Pending, addressFilterRefusesThemByTheirOwnSender) {
     UdpPeer other(kOtherLoopback);
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
@@ -1465,7 +1513,7 @@ TEST_F(Pending, addressFilterRefusesThemByTheirOwnSender) {
     EXPECT_EQ(next(), kRefused);
 }
 
-TEST_F(Pending, surviveSeveralToggles) {
+TEST_P(Pending, surviveSeveralToggles) {
     UdpPeer other(kOtherLoopback);
     std::string bundle;
     for (int i = 0; i < 8; ++i) bundle += pdu(20 + i, i);
@@ -1483,7 +1531,7 @@ TEST_F(Pending, surviveSeveralToggles) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Pending, restOfALaterDatagramIsKeptToo) {
+TEST_P(Pending, restOfALaterDatagramIsKeptToo) {
     UdpPeer other(kOtherLoopback);
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
@@ -1502,7 +1550,7 @@ TEST_F(Pending, restOfALaterDatagramIsKeptToo) {
     EXPECT_EQ(socket.lastSourceInetAddr(), kOtherLoopback);
 }
 
-TEST_F(Pending, readThatBringsNothingChangesNothing) {
+TEST_P(Pending, readThatBringsNothingChangesNothing) {
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
@@ -1518,7 +1566,7 @@ TEST_F(Pending, readThatBringsNothingChangesNothing) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_F(Pending, switchedOffAndOnAgainWithoutAReadIsNothing) {
+TEST_P(Pending, switchedOffAndOnAgainWithoutAReadIsNothing) {
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
@@ -1526,7 +1574,7 @@ TEST_F(Pending, switchedOffAndOnAgainWithoutAReadIsNothing) {
     EXPECT_EQ(next(), pdu(30, 2));
 }
 
-TEST_F(Pending, emptyAndOwnDatagramsMeanwhileDoNoHarm) {
+TEST_P(Pending, emptyAndOwnDatagramsMeanwhileDoNoHarm) {
     UdpPeer other(kOtherLoopback);
     feed(pdu(20, 1) + pdu(30, 2) + pdu(40, 3));
     EXPECT_EQ(next(), pdu(20, 1));
@@ -1542,7 +1590,7 @@ TEST_F(Pending, emptyAndOwnDatagramsMeanwhileDoNoHarm) {
     EXPECT_EQ(next(), pdu(40, 3));
 }
 
-TEST_F(Pending, firstHeaderOfTheirDatagramIsRemembered) {
+TEST_P(Pending, firstHeaderOfTheirDatagramIsRemembered) {
     feed(pdu(20, 1, 7, 1) + pdu(30, 2, 7, 1) + pdu(40, 3, 7, 2));
     EXPECT_EQ(next(), pdu(20, 1, 7, 1));
     socket.setUnbundling(0);
@@ -1556,7 +1604,7 @@ TEST_F(Pending, firstHeaderOfTheirDatagramIsRemembered) {
               std::string(kHeaderWarning) + "    (Protocol,exercise) = (7,2) when expecting (7,1)\n");
 }
 
-TEST_F(Pending, paddingIsDiscardedAfterwards) {
+TEST_P(Pending, paddingIsDiscardedAfterwards) {
     feed(pdu(20, 1) + "padding");
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
@@ -1566,11 +1614,11 @@ TEST_F(Pending, paddingIsDiscardedAfterwards) {
     feed(pdu(50, 5));
     EXPECT_EQ(next(), pdu(50, 5));
     EXPECT_EQ(messages.all(), kShortLater);
-    EXPECT_EQ(socket.firstInBundle, 1);
+    EXPECT_EQ(fields.firstInBundle, 1);
 }
 
 // Kept bytes are followed by zeros as received ones are.
-TEST_F(Pending, shortRestReadsZerosBehindItself) {
+TEST_P(Pending, shortRestReadsZerosBehindItself) {
     socket.setMinPacketSize(0);
     unsigned int zero[] = {0};
     feed(pdu(20, 1) + "\5");
@@ -1584,7 +1632,7 @@ TEST_F(Pending, shortRestReadsZerosBehindItself) {
     EXPECT_EQ(next(), "\5");
 }
 
-TEST_F(Pending, copyFormDeliversThemToo) {
+TEST_P(Pending, copyFormDeliversThemToo) {
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
@@ -1597,21 +1645,22 @@ TEST_F(Pending, copyFormDeliversThemToo) {
     EXPECT_EQ(storage.substr(0, 30), pdu(30, 2));
 }
 
-TEST_F(Pending, readErrorMeanwhileDoesNoHarm) {
+TEST_P(Pending, readErrorMeanwhileDoesNoHarm) {
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
-    const int fd = socket.socketFd;
-    socket.socketFd = -1;
+    const int fd = fields.socketFd;
+    fields.socketFd = -1;
     EXPECT_EQ(next(), kNone);
     EXPECT_EQ(messages.all(), systemReport("Network read error", EBADF));
-    socket.socketFd = fd;
+    fields.socketFd = fd;
     socket.setUnbundling(1);
     EXPECT_EQ(next(), pdu(30, 2));
 }
 
-TEST_F(Pending, mayBeLeftToTheDestructor) {
-    Receiver shortLived;
+TEST_P(Pending, mayBeLeftToTheDestructor) {
+    const std::unique_ptr<NwNetSocket> owner = makeReceiver(GetParam());
+    NwNetSocket& shortLived = *owner;
     shortLived.NwBecomeNonBlocking();
     land(peer, pdu(20, 1) + pdu(30, 2), shortLived);
     EXPECT_EQ(nextFrom(shortLived), pdu(20, 1));
@@ -1625,9 +1674,9 @@ TEST_F(Pending, mayBeLeftToTheDestructor) {
 namespace {
 
 // Adopts fd for reading; the warning about this host's interfaces belongs to another test.
-std::unique_ptr<Receiver> adopt(int fd) {
+std::unique_ptr<NwNetSocket> adopt(int fd) {
     Quiet quiet;
-    return std::unique_ptr<Receiver>(new Receiver(fd, kRead));
+    return std::unique_ptr<NwNetSocket>(new NwNetSocket(nullptr, fd, kRead));
 }
 
 struct UnixPair {
@@ -1650,8 +1699,8 @@ TEST(AdoptedReceiver, countsAsBlockingSoThatAnEmptyNonBlockingOneIsReported) {
     Messages messages;
     UdpPeer owner;
     NwNetSocket::makeNonBlocking(owner.fd());
-    const std::unique_ptr<Receiver> socket = adopt(owner.fd());
-    EXPECT_EQ(socket->blocking, 1);
+    const std::unique_ptr<NwNetSocket> socket = adopt(owner.fd());
+    EXPECT_EQ(fieldsOf(*socket).blocking, 1);
     EXPECT_EQ(nextFrom(*socket), kNone);
     EXPECT_EQ(messages.all(), systemReport("Network read error", EAGAIN));
     socket->NwBecomeNonBlocking();
@@ -1672,7 +1721,7 @@ TEST(AdoptedReceiver, refusedConnectionIsReportedOnce) {
     sockaddr_in to;
     NwNetSocket::setInetAddr(to, kLoopback, closedPort);
     ASSERT_EQ(::connect(owner.fd(), reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
-    const std::unique_ptr<Receiver> socket = adopt(owner.fd());
+    const std::unique_ptr<NwNetSocket> socket = adopt(owner.fd());
     socket->NwBecomeNonBlocking();
     ASSERT_EQ(::send(owner.fd(), "x", 1, 0), 1);
     ASSERT_TRUE(waitReadable(owner.fd()));
@@ -1689,9 +1738,9 @@ TEST(AdoptedReceiver, refusedConnectionIsReportedOnce) {
 TEST(AdoptedReceiver, unixDescriptorHasAddressAndPortZero) {
     Messages messages;
     UnixPair pair;
-    const std::unique_ptr<Receiver> socket = adopt(pair.ends[0]);
+    const std::unique_ptr<NwNetSocket> socket = adopt(pair.ends[0]);
     messages.all();
-    EXPECT_EQ(socket->port, 0);
+    EXPECT_EQ(fieldsOf(*socket).port, 0);
     pair.send(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(nextFrom(*socket), pdu(20, 1));
     EXPECT_EQ(socket->lastSourceInetAddr(), 0u);
@@ -1721,8 +1770,8 @@ TEST(AdoptedReceiver, ipv6DescriptorHasAddressZero) {
     socklen_t size = sizeof local;
     ASSERT_EQ(::getsockname(here, reinterpret_cast<sockaddr*>(&local), &size), 0);
     {
-        const std::unique_ptr<Receiver> socket = adopt(here);
-        EXPECT_EQ(socket->port, 0);
+        const std::unique_ptr<NwNetSocket> socket = adopt(here);
+        EXPECT_EQ(fieldsOf(*socket).port, 0);
         const std::string bytes = pdu(20, 1);
         ASSERT_EQ(
             ::sendto(there, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&local), sizeof local),
@@ -1740,15 +1789,15 @@ TEST(AdoptedReceiver, senderWithoutAddressDoesNotKeepTheLastOne) {
     Messages messages;
     UdpPeer owner, peer;
     UnixPair pair;
-    const std::unique_ptr<Receiver> socket = adopt(owner.fd());
+    const std::unique_ptr<NwNetSocket> socket = adopt(owner.fd());
     peer.send(pdu(20, 1), owner.port());
     EXPECT_EQ(nextFrom(*socket), pdu(20, 1));
     EXPECT_EQ(socket->lastSourceInetAddr(), kLoopback);
-    socket->socketFd = pair.ends[0];
+    fieldsOf(*socket).socketFd = pair.ends[0];
     pair.send(pdu(20, 2));
     EXPECT_EQ(nextFrom(*socket), pdu(20, 2));
     EXPECT_EQ(socket->lastSourceInetAddr(), 0u);
-    socket->socketFd = owner.fd();
+    fieldsOf(*socket).socketFd = owner.fd();
 }
 
 // --- steps replaced by derived classes -------------------------------------------------------------------
@@ -1845,7 +1894,8 @@ TEST(DerivedReceiver, replacesFindingThePacket) {
     land(peer, "SYNC" + pdu(30, 1) + pdu(12, 2), socket);
     const Taken taken = takeFrom(socket);
     EXPECT_EQ(taken.bytes, pdu(30, 1));
-    EXPECT_EQ(taken.place, socket.copyBuffer.get()) << "it does not lie at the start of the receive buffer";
+    EXPECT_EQ(taken.place, fieldsOf(socket).copyBuffer.get())
+        << "it does not lie at the start of the receive buffer";
     EXPECT_EQ(nextFrom(socket), pdu(12, 2));
 }
 
@@ -1856,7 +1906,7 @@ TEST(DerivedReceiver, replacesTheReadOfADatagram) {
     socket.result = 42;
     const Taken taken = takeFrom(socket);
     EXPECT_EQ(taken.bytes, pdu(30, 1));
-    EXPECT_EQ(taken.place, socket.copyBuffer.get());
+    EXPECT_EQ(taken.place, fieldsOf(socket).copyBuffer.get());
     EXPECT_EQ(nextFrom(socket), pdu(12, 2));
     EXPECT_EQ(socket.reads, 1);
     socket.setUnbundling(0);
