@@ -9,4 +9,6 @@ static_assert(std::is_trivially_copyable<NwNetU16>::value && std::is_trivially_c
 
 std::atomic<int> NwNetworkByteOrderingSetting(1);
 
-void NwSetNetworkByteOrdering(int on) { NwNetworkByteOrderingSetting.store(on ? 1 : 0, std::memory_order_relaxed); }
+void NwSetNetworkByteOrdering(int on) {
+    NwNetworkByteOrderingSetting.store(on ? 1 : 0, std::memory_order_relaxed);
+}

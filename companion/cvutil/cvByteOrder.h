@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Numbers in messages: fields that can lie anywhere in a buffer and change their byte order on the way in and out.
+// Numbers in messages: fields that can lie anywhere in a buffer and change their byte order on the way in and
+// out.
 //
 //     NwNetU32* length = reinterpret_cast<NwNetU32*>(buffer + 3);
 //     *length = packetLengthBytes;               // stored as 4 bytes, most significant first
 //     std::uint32_t announcedBytes = *length;    // and back
 //
-// The order on the wire is a setting of the process: network order at the start, host order once it is switched off. Both ends of
-// a connection must agree. A field is converted each time it is read or written, so it must be read under the setting it was
-// written under.
+// The order on the wire is a setting of the process: network order at the start, host order once it is
+// switched off. Both ends of a connection must agree. A field is converted each time it is read or written,
+// so it must be read under the setting it was written under.
 #ifndef CVUTIL_CVBYTEORDER_H
 #define CVUTIL_CVBYTEORDER_H
 
@@ -21,16 +22,20 @@
 extern NWUTIL_API std::atomic<int> NwNetworkByteOrderingSetting;
 
 // 1 (the start value): fields are in network order. 0: in the order of this host. Any thread may ask.
-inline int NwNetworkByteOrdering() { return NwNetworkByteOrderingSetting.load(std::memory_order_relaxed); }
+inline int NwNetworkByteOrdering() {
+    return NwNetworkByteOrderingSetting.load(std::memory_order_relaxed);
+}
 
-// Switches the order for the whole process: 0 for host order, anything else for network order. Any thread may call; which
-// order a field gets that another thread writes at the same moment is open, so set it before traffic starts.
+// Switches the order for the whole process: 0 for host order, anything else for network order. Any thread may
+// call; which order a field gets that another thread writes at the same moment is open, so set it before
+// traffic starts.
 NWUTIL_API void NwSetNetworkByteOrdering(int on);
 
-// A 16-bit and a 32-bit field. Each is as long as its number and has no alignment, so it may be laid over any bytes of any
-// buffer with reinterpret_cast. Reading and writing whole fields is all it does: arithmetic happens on the numbers.
+// A 16-bit and a 32-bit field. Each is as long as its number and has no alignment, so it may be laid over any
+// bytes of any buffer with reinterpret_cast. Reading and writing whole fields is all it does: arithmetic
+// happens on the numbers.
 class NwNetU16 {
-  public:
+public:
     NwNetU16() = default;  // leaves the bytes as they are
     explicit NwNetU16(std::uint16_t value) { *this = value; }
 
@@ -46,7 +51,7 @@ class NwNetU16 {
         return swapped(value);
     }
 
-  private:
+private:
     static std::uint16_t swapped(std::uint16_t value) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
         return NwNetworkByteOrdering() ? __builtin_bswap16(value) : value;
@@ -59,7 +64,7 @@ class NwNetU16 {
 };
 
 class NwNetU32 {
-  public:
+public:
     NwNetU32() = default;  // leaves the bytes as they are
     explicit NwNetU32(std::uint32_t value) { *this = value; }
 
@@ -75,7 +80,7 @@ class NwNetU32 {
         return swapped(value);
     }
 
-  private:
+private:
     static std::uint32_t swapped(std::uint32_t value) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
         return NwNetworkByteOrdering() ? __builtin_bswap32(value) : value;

@@ -38,11 +38,17 @@ timeval timevalOf(double seconds) {
 
 NwClock::NwClock() : myStartSeconds(monotonicSeconds()) {}
 
-void NwClock::init() { myStartSeconds = monotonicSeconds(); }
+void NwClock::init() {
+    myStartSeconds = monotonicSeconds();
+}
 
-double NwClock::elapsedRealTime() const { return monotonicSeconds() - myStartSeconds; }
+double NwClock::elapsedRealTime() const {
+    return monotonicSeconds() - myStartSeconds;
+}
 
-double NwClock::absRealTime() const { return monotonicSeconds(); }
+double NwClock::absRealTime() const {
+    return monotonicSeconds();
+}
 
 int NwSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, double seconds) {
     if (nfds < 0 || nfds > FD_SETSIZE) {

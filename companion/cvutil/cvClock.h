@@ -11,10 +11,11 @@
 
 #include <cvutil/cvExport.h>
 
-// Measures real time, in seconds with fractions, on the system's monotonic clock: setting the date does not move it. Copies
-// measure from the same instant. Several threads may read one clock; init() is for one thread while no other reads.
+// Measures real time, in seconds with fractions, on the system's monotonic clock: setting the date does not
+// move it. Copies measure from the same instant. Several threads may read one clock; init() is for one thread
+// while no other reads.
 class NWUTIL_API NwClock {
-  public:
+public:
     // A clock that measures from now on.
     NwClock();
 
@@ -24,24 +25,26 @@ class NWUTIL_API NwClock {
     // Seconds since construction or the last init(): 0 or more.
     double elapsedRealTime() const;
 
-    // Seconds since a fixed instant of the past that is the same for every clock of every process on this host until the
-    // next boot. For deadlines and differences; it is no date.
+    // Seconds since a fixed instant of the past that is the same for every clock of every process on this
+    // host until the next boot. For deadlines and differences; it is no date.
     double absRealTime() const;
 
-  private:
+private:
     double myStartSeconds;
 };
 
-// select() with the time limit in seconds. Returns what select() returns: how many descriptors are ready (the sets then hold
-// them), 0 when the time is over, -1 with errno set on failure. A signal ends the wait with -1 and EINTR; this is left to the
-// caller, who alone knows whether to go on. Any of the sets may be null.
+// select() with the time limit in seconds. Returns what select() returns: how many descriptors are ready (the
+// sets then hold them), 0 when the time is over, -1 with errno set on failure. A signal ends the wait with -1
+// and EINTR; this is left to the caller, who alone knows whether to go on. Any of the sets may be null.
 //
-// `seconds`: 0, negative or not a number looks once and returns at once; positive infinity waits without limit. What a
-// microsecond cannot express is rounded up, so that a short wait is never a busy loop. Limits beyond 2147483647 s count as that.
-// `nfds` below 0 or above FD_SETSIZE is refused with -1 and EINVAL: a set does not reach that far.
+// `seconds`: 0, negative or not a number looks once and returns at once; positive infinity waits without
+// limit. What a microsecond cannot express is rounded up, so that a short wait is never a busy loop. Limits
+// beyond 2147483647 s count as that. `nfds` below 0 or above FD_SETSIZE is refused with -1 and EINVAL: a set
+// does not reach that far.
 NWUTIL_API int NwSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, double seconds);
 
-// Sleeps for the whole time, however many signals arrive. 0, negative, infinite or not a number returns at once.
+// Sleeps for the whole time, however many signals arrive. 0, negative, infinite or not a number returns at
+// once.
 NWUTIL_API void NwSleep(double seconds);
 
 #endif

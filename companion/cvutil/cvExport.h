@@ -3,17 +3,20 @@
 #ifndef CVUTIL_CVEXPORT_H
 #define CVUTIL_CVEXPORT_H
 
-// Marks a class, function or variable as part of the library's binary interface. The library is compiled with hidden
-// visibility, and its version script (cvutil.map) lets nothing through whose name does not begin with Nw.
+// Marks a class, function or variable as part of the library's binary interface. The library is compiled with
+// hidden visibility, and its version script (cvutil.map) lets nothing through whose name does not begin with
+// Nw.
 #if defined(__GNUC__)
 #define NWUTIL_API __attribute__((visibility("default")))
 #else
 #define NWUTIL_API
 #endif
 
-// Lets the compiler check printf-style arguments against their format. Positions count from 1, and `this` is the first.
+// Lets the compiler check printf-style arguments against their format. Positions count from 1, and `this` is
+// the first.
 #if defined(__GNUC__)
-#define NWUTIL_PRINTF(formatPosition, firstArgument) __attribute__((format(printf, formatPosition, firstArgument)))
+#define NWUTIL_PRINTF(formatPosition, firstArgument) \
+    __attribute__((format(printf, formatPosition, firstArgument)))
 #else
 #define NWUTIL_PRINTF(formatPosition, firstArgument)
 #endif

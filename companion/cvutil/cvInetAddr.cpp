@@ -8,13 +8,15 @@
 
 namespace {
 
-// As many results as the header promises to keep alive in one thread. Plain bytes: they need no destructor, so a thread may
-// still ask while it ends.
+// As many results as the header promises to keep alive in one thread. Plain bytes: they need no destructor,
+// so a thread may still ask while it ends.
 const unsigned kResults = 16;
 thread_local char theResults[kResults][INET_ADDRSTRLEN];
 thread_local unsigned theNextResult = 0;
 
-unsigned octet(NwIpv4Addr addrHostOrder, int index) { return (addrHostOrder >> (24 - 8 * index)) & 0xFF; }
+unsigned octet(NwIpv4Addr addrHostOrder, int index) {
+    return (addrHostOrder >> (24 - 8 * index)) & 0xFF;
+}
 
 }  // namespace
 

@@ -8,11 +8,17 @@ NwList::~NwList() {
     while (myFirst) remove(myFirst);
 }
 
-NwListItem* NwList::add(void* data) { return insertAfter(myLast, data); }
+NwListItem* NwList::add(void* data) {
+    return insertAfter(myLast, data);
+}
 
-NwListItem* NwList::addToEnd(void* data) { return add(data); }
+NwListItem* NwList::addToEnd(void* data) {
+    return add(data);
+}
 
-NwListItem* NwList::addToStart(void* data) { return insertAfter(nullptr, data); }
+NwListItem* NwList::addToStart(void* data) {
+    return insertAfter(nullptr, data);
+}
 
 NwListItem* NwList::insertAfter(NwListItem* item, void* data) {
     NwListItem* added = new (std::nothrow) NwListItem(data);

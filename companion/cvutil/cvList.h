@@ -6,11 +6,12 @@
 //     for (NwListItem* item = sockets.first(); item; item = item->next())
 //         static_cast<NwSocket*>(item->data())->flush();
 //
-// What the pointers lead to belongs to the caller: no operation reads, copies or frees it, and null or the same pointer
-// twice are data like any other. An item stays where it is until it is removed, whatever else is added or removed, so it
-// serves as a position. Removing the current item during a walk: take next() first.
+// What the pointers lead to belongs to the caller: no operation reads, copies or frees it, and null or the
+// same pointer twice are data like any other. An item stays where it is until it is removed, whatever else is
+// added or removed, so it serves as a position. Removing the current item during a walk: take next() first.
 //
-// Adding and removing take the same short time at any length. A list is used by one thread at a time; the caller locks.
+// Adding and removing take the same short time at any length. A list is used by one thread at a time; the
+// caller locks.
 #ifndef CVUTIL_CVLIST_H
 #define CVUTIL_CVLIST_H
 
@@ -20,7 +21,7 @@ class NwList;
 
 // One place in a list. Made and freed by its list alone.
 class NWUTIL_API NwListItem {
-  public:
+public:
     // The neighbours; null at the end and at the start.
     NwListItem* next() const { return myNext; }
     NwListItem* previous() const { return myPrevious; }
@@ -31,7 +32,7 @@ class NWUTIL_API NwListItem {
     NwListItem(const NwListItem&) = delete;
     NwListItem& operator=(const NwListItem&) = delete;
 
-  private:
+private:
     friend class NwList;
     explicit NwListItem(void* data) : myNext(nullptr), myPrevious(nullptr), myData(data) {}
     ~NwListItem() {}
@@ -42,7 +43,7 @@ class NWUTIL_API NwListItem {
 };
 
 class NWUTIL_API NwList {
-  public:
+public:
     // An empty list.
     NwList() : myFirst(nullptr), myLast(nullptr), myCount(0) {}
 
@@ -52,16 +53,16 @@ class NWUTIL_API NwList {
     NwList(const NwList&) = delete;
     NwList& operator=(const NwList&) = delete;
 
-    // Adds `data` at the end (add and addToEnd are one operation under two names), at the start, or right behind `item`,
-    // which must be of this list (null: at the start). Returns the new item, lent until it is removed or the list goes;
-    // null when there is no memory for it, and the list is then as before.
+    // Adds `data` at the end (add and addToEnd are one operation under two names), at the start, or right
+    // behind `item`, which must be of this list (null: at the start). Returns the new item, lent until it is
+    // removed or the list goes; null when there is no memory for it, and the list is then as before.
     NwListItem* add(void* data);
     NwListItem* addToEnd(void* data);
     NwListItem* addToStart(void* data);
     NwListItem* insertAfter(NwListItem* item, void* data);
 
-    // Takes `item`, which must be of this list, out and frees it. Returns the data it held, which belong to the caller as
-    // before. A null item changes nothing and gives null.
+    // Takes `item`, which must be of this list, out and frees it. Returns the data it held, which belong to
+    // the caller as before. A null item changes nothing and gives null.
     void* remove(NwListItem* item);
 
     // The ends of the list; null while it is empty.
@@ -71,7 +72,7 @@ class NWUTIL_API NwList {
     // How many items there are.
     int count() const { return myCount; }
 
-  private:
+private:
     NwListItem* myFirst;
     NwListItem* myLast;
     int myCount;  // both ends are null exactly while this is 0

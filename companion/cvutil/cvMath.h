@@ -3,9 +3,9 @@
 //
 //     int count = NwMin(available, 32);
 //
-// Both arguments have one type, so that a signed and an unsigned value never meet by accident; name the type where they
-// differ: NwMax<unsigned long>(a, b). The result is a copy: it never refers to a temporary. When the two are equal it is
-// the first. Only operator< is asked for.
+// Both arguments have one type, so that a signed and an unsigned value never meet by accident; name the type
+// where they differ: NwMax<unsigned long>(a, b). The result is a copy: it never refers to a temporary. When
+// the two are equal it is the first. Only operator< is asked for.
 #ifndef CVUTIL_CVMATH_H
 #define CVUTIL_CVMATH_H
 

@@ -10,11 +10,19 @@ NwMutex::NwMutex() {
     pthread_mutexattr_destroy(&attributes);
 }
 
-NwMutex::~NwMutex() { pthread_mutex_destroy(&myMutex); }
+NwMutex::~NwMutex() {
+    pthread_mutex_destroy(&myMutex);
+}
 
 // The bodies are where the analysis ends: it knows nothing of POSIX mutexes.
-void NwMutex::lock() NW_NO_THREAD_SAFETY_ANALYSIS { pthread_mutex_lock(&myMutex); }
+void NwMutex::lock() NW_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_lock(&myMutex);
+}
 
-bool NwMutex::tryLock() NW_NO_THREAD_SAFETY_ANALYSIS { return pthread_mutex_trylock(&myMutex) == 0; }
+bool NwMutex::tryLock() NW_NO_THREAD_SAFETY_ANALYSIS {
+    return pthread_mutex_trylock(&myMutex) == 0;
+}
 
-void NwMutex::unlock() NW_NO_THREAD_SAFETY_ANALYSIS { pthread_mutex_unlock(&myMutex); }
+void NwMutex::unlock() NW_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_unlock(&myMutex);
+}

@@ -7,10 +7,10 @@
 //     NwScopedLock lock(myQueueMutex);
 //     myBytes += length;
 //
-// A thread that holds the mutex may lock it again; it is free once it has been unlocked as often as it was locked.
-// clang's -Wthread-safety follows these classes and the NW_ annotations below, and also objects to a lock that one function
-// takes twice: the recursion is there for call-backs, and a function that needs it for itself is better taken apart. Other
-// compilers ignore the annotations.
+// A thread that holds the mutex may lock it again; it is free once it has been unlocked as often as it was
+// locked. clang's -Wthread-safety follows these classes and the NW_ annotations below, and also objects to a
+// lock that one function takes twice: the recursion is there for call-backs, and a function that needs it for
+// itself is better taken apart. Other compilers ignore the annotations.
 #ifndef CVUTIL_CVMUTEX_H
 #define CVUTIL_CVMUTEX_H
 
@@ -40,10 +40,10 @@
 // On a function whose locking the analysis cannot follow; the reason stands beside it.
 #define NW_NO_THREAD_SAFETY_ANALYSIS NW_THREAD_ANNOTATION(no_thread_safety_analysis)
 
-// A mutex that one thread may lock several times. Any thread may call any operation; nothing throws. It must be free, and
-// nobody waiting for it, when it is destroyed.
+// A mutex that one thread may lock several times. Any thread may call any operation; nothing throws. It must
+// be free, and nobody waiting for it, when it is destroyed.
 class NWUTIL_API NW_CAPABILITY("mutex") NwMutex {
-  public:
+public:
     NwMutex();
     ~NwMutex();
 
@@ -59,20 +59,21 @@ class NWUTIL_API NW_CAPABILITY("mutex") NwMutex {
     // Gives back one lock(). A thread that does not hold the mutex changes nothing.
     void unlock() NW_RELEASE();
 
-  private:
+private:
     pthread_mutex_t myMutex;
 };
 
-// Holds a mutex from here to the end of the block, whichever way the block is left. The mutex must outlive it.
+// Holds a mutex from here to the end of the block, whichever way the block is left. The mutex must outlive
+// it.
 class NW_SCOPED_CAPABILITY NwScopedLock {
-  public:
+public:
     explicit NwScopedLock(NwMutex& mutex) NW_ACQUIRE(mutex) : myMutex(mutex) { myMutex.lock(); }
     ~NwScopedLock() NW_RELEASE() { myMutex.unlock(); }
 
     NwScopedLock(const NwScopedLock&) = delete;
     NwScopedLock& operator=(const NwScopedLock&) = delete;
 
-  private:
+private:
     NwMutex& myMutex;
 };
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The message streams and the fatal endings.
 //
-// A text takes this way: NwOutputStream -> its gate (level, lock, exceptions) -> the target, standard error at first. The four
-// streams, the standard error target and the lock stand in static storage that the first constructor of this module fills
-// and nobody empties.
+// A text takes this way: NwOutputStream -> its gate (level, lock, exceptions) -> the target, standard error
+// at first. The four streams, the standard error target and the lock stand in static storage that the first
+// constructor of this module fills and nobody empties.
 #include <cvutil/cvOutput.h>
 
 #include <cxxabi.h>
@@ -25,14 +25,14 @@ namespace {
 // Long enough for every message of ours; a longer one goes through the heap.
 const size_t kLocalTextBytes = 512;
 
-// A standard error that takes nothing for so long loses the text: a program does not stop because nobody reads it.
+// A standard error that takes nothing for so long loses the text: nobody reading is no reason to stop.
 const long kStuckWriteMilliseconds = 1000;
 
 // A process that was told to end is gone after this, whatever its last writes wait for.
 const unsigned kEndingSeconds = 2;
 
 class ErrnoKeeper {
-  public:
+public:
     ErrnoKeeper() : mySaved(errno) {}
     ~ErrnoKeeper() { errno = mySaved; }
     ErrnoKeeper(const ErrnoKeeper&) = delete;
@@ -40,13 +40,13 @@ class ErrnoKeeper {
 
     int value() const { return mySaved; }
 
-  private:
+private:
     const int mySaved;
 };
 
 // A message under construction. Without memory for a long one it keeps the beginning.
 class MessageText {
-  public:
+public:
     MessageText() : myText(myLocal), myCapacity(sizeof myLocal), myLength(0) { myLocal[0] = '\0'; }
     ~MessageText() {
         if (myText != myLocal) free(myText);
@@ -59,7 +59,7 @@ class MessageText {
         va_copy(again, arguments);
         const int needed = vsnprintf(myText + myLength, myCapacity - myLength, format, arguments);
         if (needed < 0) {
-            add(format);  // arguments that cannot be printed (a bad wide character): the bare format still tells the place
+            add(format);  // a wide character without a byte form: the bare format still tells the place
         } else if (reserve(static_cast<size_t>(needed))) {
             vsnprintf(myText + myLength, myCapacity - myLength, format, again);
             myLength += static_cast<size_t>(needed);
@@ -80,7 +80,7 @@ class MessageText {
     const char* text() const { return myText; }
     size_t lengthBytes() const { return myLength; }
 
-  private:
+private:
     // Room for that much more and its NUL.
     bool reserve(size_t moreBytes) {
         if (moreBytes < myCapacity - myLength) return true;
@@ -102,18 +102,18 @@ class MessageText {
 
 // --- the lock of all streams ---
 
-// Recursive, so that a target may itself print. Initialised by the compiler: it is there before any constructor runs.
+// Recursive, so that a target may itself print. Initialised by the compiler, before any constructor.
 pthread_mutex_t theStreamLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 class StreamLock {
-  public:
+public:
     StreamLock() { pthread_mutex_lock(&theStreamLock); }
     ~StreamLock() { pthread_mutex_unlock(&theStreamLock); }
     StreamLock(const StreamLock&) = delete;
     StreamLock& operator=(const StreamLock&) = delete;
 };
 
-// A child has only the thread that forked: whoever else held the lock in the parent will never give it back here.
+// A child has only the thread that forked: nobody else could give the lock back here.
 void freeStreamLockInChild() {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
@@ -124,7 +124,7 @@ void freeStreamLockInChild() {
 
 // --- standard error ---
 
-// The kernel's buffer is full and the descriptor non-blocking: true once there is room, false when none comes.
+// The kernel's buffer is full, the descriptor non-blocking: true once there is room, false if none comes.
 bool waitForRoom(int fd) {
     timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
@@ -158,7 +158,7 @@ void writeWhole(int fd, const char* text, size_t length) {
 }
 
 class StandardErrorBuffer : public std::streambuf {
-  protected:
+protected:
     int_type overflow(int_type c) override {
         if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
         const char text = traits_type::to_char_type(c);
@@ -189,8 +189,8 @@ Undying<NwOutputStream> theInfo;
 Undying<NwOutputStream> theVerbose;
 Undying<NwOutputStream> theDebug;
 
-// 101 is the first priority an application may have, so this comes before every static constructor without one; in the shared
-// library it runs before anything that is linked against it.
+// 101 is the first priority an application may have, so this comes before every static constructor without
+// one; in the shared library it runs before anything that is linked against it.
 __attribute__((constructor(101))) void buildStreams() {
     new (&theStandardError.object) StandardErrorBuffer;
     new (&theWarn.object) NwOutputStream(NwOutputWarn);
@@ -214,16 +214,20 @@ int NwNetDebugOn = 0;
 
 std::atomic<int> NwOutputStream::ourLevel(NwOutputInfo);
 
-void NwSetOutputLevel(int level) { NwOutputStream::ourLevel.store(level, std::memory_order_relaxed); }
+void NwSetOutputLevel(int level) {
+    NwOutputStream::ourLevel.store(level, std::memory_order_relaxed);
+}
 
-int NwGetOutputLevel() { return NwOutputStream::ourLevel.load(std::memory_order_relaxed); }
+int NwGetOutputLevel() {
+    return NwOutputStream::ourLevel.load(std::memory_order_relaxed);
+}
 
 // --- gate ---
 
 namespace {
 
-// Runs `action` on the target. A target that throws loses its text and nothing else. A thread that is cancelled inside it
-// unwinds as if by an exception, one without a C++ type, and has to be let go on.
+// Runs `action` on the target. A target that throws loses its text and nothing else. A thread that is
+// cancelled inside it unwinds as if by an exception, one without a C++ type, and has to be let go on.
 template <class Action>
 void guarded(Action action) {
     try {
@@ -235,7 +239,8 @@ void guarded(Action action) {
 
 }  // namespace
 
-NwOutputStream::Gate::Gate(const NwOutputStream& stream) : myStream(stream), myTarget(&theStandardError.object) {}
+NwOutputStream::Gate::Gate(const NwOutputStream& stream)
+    : myStream(stream), myTarget(&theStandardError.object) {}
 
 NwOutputStream::Gate::~Gate() {}
 
@@ -292,12 +297,17 @@ void NwOutputStream::operator()(const char* format, ...) {
     va_start(arguments, format);
     message.addFormatted(format, arguments);
     va_end(arguments);
-    if (message.lengthBytes() > 0) myGate.put(message.text(), static_cast<std::streamsize>(message.lengthBytes()));
+    if (message.lengthBytes() > 0)
+        myGate.put(message.text(), static_cast<std::streamsize>(message.lengthBytes()));
 }
 
-std::streambuf* NwOutputStream::rdbuf() const { return myGate.target(); }
+std::streambuf* NwOutputStream::rdbuf() const {
+    return myGate.target();
+}
 
-std::streambuf* NwOutputStream::rdbuf(std::streambuf* target) { return myGate.setTarget(target); }
+std::streambuf* NwOutputStream::rdbuf(std::streambuf* target) {
+    return myGate.setTarget(target);
+}
 
 struct NwOutputAccess {
     static void printAtAnyLevel(NwOutputStream& stream, const MessageText& message) {
@@ -309,9 +319,13 @@ struct NwOutputAccess {
 
 namespace {
 
-// strerror_r comes in two shapes, told apart by their result: a text, or a status with the text in the buffer.
-[[maybe_unused]] const char* descriptionFrom(const char* text, const char*) { return text; }
-[[maybe_unused]] const char* descriptionFrom(int status, const char* buffer) { return status == 0 ? buffer : "Unknown error"; }
+// strerror_r comes in two shapes, told apart by their result: a text, or a status and the buffer.
+[[maybe_unused]] const char* descriptionFrom(const char* text, const char*) {
+    return text;
+}
+[[maybe_unused]] const char* descriptionFrom(int status, const char* buffer) {
+    return status == 0 ? buffer : "Unknown error";
+}
 
 void addPerror(MessageText& message, const char* format, va_list arguments, int errorNumber) {
     message.addFormatted(format, arguments);
@@ -352,17 +366,23 @@ namespace {
 
 typedef void (*Ending)();
 
-void endWithStatus() { ::_exit(1); }
-void endByAbort() { ::abort(); }
+void endWithStatus() {
+    ::_exit(1);
+}
+void endByAbort() {
+    ::abort();
+}
 
 std::atomic<NwFatalHandler> theFatalHandler(nullptr);
 
-// Set while this thread is ending the process: a target that fails fatally while it is flushed must not start over.
+// Set while this thread ends the process: a target that fails fatally while flushed must not start over.
 thread_local bool theEndIsNear = false;
 
 std::atomic<Ending> theEnding(endWithStatus);
 
-void onEndingAlarm(int) { theEnding.load(std::memory_order_relaxed)(); }
+void onEndingAlarm(int) {
+    theEnding.load(std::memory_order_relaxed)();
+}
 
 // From here on the process ends, even if this thread never comes back from its next write.
 void boundTheEnd(Ending ending) {
@@ -382,8 +402,8 @@ void boundTheEnd(Ending ending) {
     alarm(kEndingSeconds);
 }
 
-// Standard output first, unless someone is inside it: fflush(nullptr) waits for every stream's lock, and another thread may
-// hold one for as long as it reads.
+// Standard output first, unless someone is inside it: fflush(nullptr) waits for every stream's lock, and
+// another thread may hold one for as long as it reads.
 void flushStdio() {
     if (ftrylockfile(stdout) == 0) {
         fflush_unlocked(stdout);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Runs a piece of a test in a process of its own and tells how it ended and what it wrote: for whatever ends a process.
+// Runs a piece of a test in a process of its own and tells how it ended and what it wrote: for whatever ends
+// a process.
 #ifndef CVUTIL_TESTS_CHILDPROCESS_H
 #define CVUTIL_TESTS_CHILDPROCESS_H
 
@@ -13,7 +14,7 @@
 #include <string>
 
 struct ChildResult {
-    int status = -1;    // as waitpid gives it
+    int status = -1;     // as waitpid gives it
     std::string output;  // standard output
     std::string errors;  // standard error
 

@@ -10,7 +10,7 @@
 namespace {
 
 class ByteOrder : public testing::Test {
-  protected:
+protected:
     ~ByteOrder() override { NwSetNetworkByteOrdering(1); }
 
     NwNetU16& field16(int offset) { return *reinterpret_cast<NwNetU16*>(myBuffer + offset); }
@@ -19,7 +19,9 @@ class ByteOrder : public testing::Test {
     unsigned char myBuffer[16] = {0};
 };
 
-TEST_F(ByteOrder, isNetworkOrderAtTheStart) { EXPECT_EQ(NwNetworkByteOrdering(), 1); }
+TEST_F(ByteOrder, isNetworkOrderAtTheStart) {
+    EXPECT_EQ(NwNetworkByteOrdering(), 1);
+}
 
 TEST_F(ByteOrder, setterTakesAnyNonZeroValueForNetworkOrder) {
     NwSetNetworkByteOrdering(0);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Clock, select and sleep. Times are judged from below only (nothing ends early): a busy machine may always be late.
+// Clock, select and sleep. Times are judged from below only (nothing ends early): a busy machine may always
+// be late.
 #include <cvutil/cvClock.h>
 
 #include <gtest/gtest.h>
@@ -20,7 +21,7 @@ const double kNotANumber = std::numeric_limits<double>::quiet_NaN();
 
 // Sends SIGALRM every few milliseconds, to a handler that does nothing and lets calls be interrupted.
 class Interruptions {
-  public:
+public:
     Interruptions() {
         struct sigaction action = {};
         action.sa_handler = [](int) { ++theCount; };
@@ -34,7 +35,7 @@ class Interruptions {
     }
     int count() const { return theCount; }
 
-  private:
+private:
     static void setTimerMicroseconds(int microseconds) {
         itimerval timer = {};
         timer.it_interval.tv_usec = timer.it_value.tv_usec = microseconds;
@@ -48,7 +49,7 @@ class Interruptions {
 volatile sig_atomic_t Interruptions::theCount = 0;
 
 class Pipe {
-  public:
+public:
     Pipe() { EXPECT_EQ(::pipe(myEnds), 0); }
     ~Pipe() {
         ::close(myEnds[0]);
@@ -66,7 +67,7 @@ class Pipe {
     }
     bool marked() const { return FD_ISSET(myEnds[0], &mySet); }
 
-  private:
+private:
     int myEnds[2];
     fd_set mySet;
 };

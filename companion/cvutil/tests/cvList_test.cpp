@@ -32,11 +32,15 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 
 namespace {
 
-void* pointerTo(char letter) { return reinterpret_cast<void*>(static_cast<std::uintptr_t>(letter)); }
-char letterOf(void* data) { return static_cast<char>(reinterpret_cast<std::uintptr_t>(data)); }
+void* pointerTo(char letter) {
+    return reinterpret_cast<void*>(static_cast<std::uintptr_t>(letter));
+}
+char letterOf(void* data) {
+    return static_cast<char>(reinterpret_cast<std::uintptr_t>(data));
+}
 
 class List : public testing::Test {
-  protected:
+protected:
     // The letters from first to last; a walk back from the last must give the same.
     std::string letters() const {
         std::string forwards;
@@ -196,6 +200,7 @@ TEST_F(List, withoutMemoryAnAdditionGivesNullAndLeavesTheList) {
 }
 #endif
 
-static_assert(!std::is_copy_constructible<NwList>::value && !std::is_copy_assignable<NwList>::value, "lists stay one");
+static_assert(!std::is_copy_constructible<NwList>::value && !std::is_copy_assignable<NwList>::value,
+              "lists stay one");
 
 }  // namespace

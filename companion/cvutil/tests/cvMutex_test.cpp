@@ -105,7 +105,8 @@ TEST(ScopedLock, keepsIncrementsApart) {
     EXPECT_EQ(count, 40000);
 }
 
-static_assert(!std::is_copy_constructible<NwMutex>::value && !std::is_copy_assignable<NwMutex>::value, "a mutex stays put");
+static_assert(!std::is_copy_constructible<NwMutex>::value && !std::is_copy_assignable<NwMutex>::value,
+              "a mutex stays put");
 static_assert(!std::is_copy_constructible<NwScopedLock>::value, "a lock has one block");
 
 }  // namespace

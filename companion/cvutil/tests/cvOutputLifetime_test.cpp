@@ -25,7 +25,8 @@ struct EarlyAndLate {
         text = new std::string(capture.str());
         infoShows = NwInfo.okToPrint();
         debugShows = NwDebug.okToPrint();
-        targetIsSet = former && NwInfo.rdbuf() == former && NwVerbose.rdbuf() == former && NwDebug.rdbuf() == former;
+        targetIsSet =
+            former && NwInfo.rdbuf() == former && NwVerbose.rdbuf() == former && NwDebug.rdbuf() == former;
     }
     ~EarlyAndLate() {
         if (theDestructorPrints) {

@@ -29,7 +29,7 @@ namespace {
 
 // A target that keeps each text and counts what it is asked to do.
 class Recorder : public std::streambuf {
-  public:
+public:
     std::vector<std::string> writes;
     int flushes = 0;
 
@@ -39,7 +39,7 @@ class Recorder : public std::streambuf {
         return all;
     }
 
-  protected:
+protected:
     int_type overflow(int_type c) override {
         writes.push_back(std::string(1, traits_type::to_char_type(c)));
         return c;
@@ -56,7 +56,7 @@ class Recorder : public std::streambuf {
 
 // All four streams into one recorder; level, targets and handler come back at the end.
 class Output : public testing::Test {
-  protected:
+protected:
     Output() {
         for (int i = 0; i < 4; ++i) myFormer[i] = ourStreams[i]->rdbuf(&myRecorder);
     }
@@ -93,7 +93,8 @@ TEST_F(Output, levelDecidesWhichStreamsPrint) {
     const struct {
         int level;
         const char* shown;
-    } cases[] = {{-2147483647 - 1, ""}, {-1, ""}, {0, "00"}, {1, "0011"}, {2, "001122"}, {3, "00112233"}, {2147483647, "00112233"}};
+    } cases[] = {{-2147483647 - 1, ""},   {-1, ""}, {0, "00"}, {1, "0011"}, {2, "001122"}, {3, "00112233"},
+                 {2147483647, "00112233"}};
     for (const auto& sample : cases) {
         NwSetOutputLevel(sample.level);
         EXPECT_EQ(NwGetOutputLevel(), sample.level);
@@ -151,7 +152,8 @@ TEST_F(Output, textThatCannotBeFormattedGivesItsFormat) {
 }
 
 TEST_F(Output, insertionWorksAsOnAnyStream) {
-    NwInfo << "a " << 1 << ' ' << 2.5 << ' ' << std::hex << 255 << std::dec << ' ' << std::setw(3) << 7 << '\n';
+    NwInfo << "a " << 1 << ' ' << 2.5 << ' ' << std::hex << 255 << std::dec << ' ' << std::setw(3) << 7
+           << '\n';
     EXPECT_EQ(take(), "a 1 2.5 ff   7\n");
     std::ostream& plain = NwWarn;
     plain << "through the base";
@@ -203,10 +205,10 @@ TEST_F(Output, nullTargetSwallowsAndTheStreamStaysGood) {
 }
 
 class Failing : public std::streambuf {
-  public:
+public:
     explicit Failing(bool throws) : myThrows(throws) {}
 
-  protected:
+protected:
     int_type overflow(int_type) override {
         fail();
         return traits_type::eof();
@@ -220,7 +222,7 @@ class Failing : public std::streambuf {
         return -1;
     }
 
-  private:
+private:
     void fail() {
         if (myThrows) throw std::runtime_error("target fails");
     }
@@ -257,7 +259,8 @@ TEST_F(Output, targetMayPrintOnAnotherStream) {
     EXPECT_EQ(take(), "echo of info");
 }
 
-// The recorder has no lock: the streams keep threads apart, and a target that was replaced is never touched again.
+// The recorder has no lock: the streams keep threads apart, and a target that was replaced is never touched
+// again.
 TEST_F(Output, oneTargetServesStreamsAndThreadsWithoutALockOfItsOwn) {
     const int kThreads = 8;
     const int kLines = 500;
@@ -325,7 +328,8 @@ TEST(OutputToStandardError, messageIsOneWrite) {
         NwWarnPerror("third");
         NwWarn.write("fourth\n", 7);
     });
-    const std::string expected[] = {"first 1\n", longText + "\n", "third: No such file or directory\n", "fourth\n"};
+    const std::string expected[] = {"first 1\n", longText + "\n", "third: No such file or directory\n",
+                                    "fourth\n"};
     for (const std::string& text : expected) {
         char buffer[8192];
         const ssize_t got = ::recv(ends[0], buffer, sizeof buffer, MSG_DONTWAIT);
@@ -414,7 +418,8 @@ TEST(OutputToStandardError, interruptedWritesGoOn) {
     char buffer[50000];
     for (ssize_t n; (n = ::read(slowPipe[0], buffer, sizeof buffer)) > 0;) {
         got += static_cast<std::size_t>(n);
-        std::this_thread::sleep_for(std::chrono::milliseconds(3));  // keeps the writer waiting; nothing depends on how long
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(3));  // keeps the writer waiting; nothing depends on how long
     }
     ::close(slowPipe[0]);
     ::waitpid(pid, nullptr, 0);
@@ -456,7 +461,7 @@ TEST(OutputToStandardError, closedStandardErrorLosesTheTextAndNothingElse) {
 
 // A target in which a thread stays until it is let go.
 class Trap : public std::streambuf {
-  public:
+public:
     void waitUntilOccupied() {
         std::unique_lock<std::mutex> lock(myMutex);
         myChanged.wait(lock, [this] { return myOccupied; });
@@ -467,7 +472,7 @@ class Trap : public std::streambuf {
         myChanged.notify_all();
     }
 
-  protected:
+protected:
     std::streamsize xsputn(const char*, std::streamsize length) override {
         std::unique_lock<std::mutex> lock(myMutex);
         myOccupied = true;
@@ -476,7 +481,7 @@ class Trap : public std::streambuf {
         return length;
     }
 
-  private:
+private:
     std::mutex myMutex;
     std::condition_variable myChanged;
     bool myOccupied = false;
@@ -500,7 +505,8 @@ TEST_F(Output, childMayPrintAlthoughAnotherThreadWasPrinting) {
 }
 
 TEST_F(Output, cancelledThreadLeavesTheStreamsFree) {
-    if (kUnderThreadSanitizer) GTEST_SKIP() << "the thread sanitizer overlooks what a cancelled thread unlocks";
+    if (kUnderThreadSanitizer)
+        GTEST_SKIP() << "the thread sanitizer overlooks what a cancelled thread unlocks";
     struct CancelHere : Recorder {
         std::streamsize xsputn(const char*, std::streamsize) override {
             for (;;) ::pause();
@@ -645,17 +651,17 @@ TEST(Fatal, textIsPrintedAtEveryLevel) {
 
 // Keeps everything until it is flushed.
 class Hoarder : public std::stringbuf {
-  public:
+public:
     explicit Hoarder(FILE* file) : myFile(file) {}
 
-  protected:
+protected:
     int sync() override {
         std::fputs(str().c_str(), myFile);
         str("");
         return 0;
     }
 
-  private:
+private:
     FILE* myFile;
 };
 
@@ -675,6 +681,18 @@ TEST(Fatal, targetsOfAllStreamsAreFlushedThenStdio) {
         });
         EXPECT_EQ(result.output, byAbort ? "0 1 2 3 " : "0 fatal 1 2 3 ");
         EXPECT_TRUE(byAbort ? result.diedOf(SIGABRT) : result.exitedWith(1)) << result.status;
+    }
+}
+
+TEST(Fatal, filesOfTheApplicationAreFlushed) {
+    for (bool byAbort : {false, true}) {
+        const ChildResult result = runInChild([&] {
+            FILE* log = ::fdopen(::dup(STDOUT_FILENO), "w");
+            std::fputs("logged", log);
+            if (byAbort) NwAbort();
+            NwFatalError("end\n");
+        });
+        EXPECT_EQ(result.output, "logged");
     }
 }
 
@@ -782,7 +800,9 @@ std::string& heard() {
     return text;
 }
 
-void hear(const char* message) { heard() += message; }
+void hear(const char* message) {
+    heard() += message;
+}
 
 TEST_F(Output, fatalHandlerGetsTheFinishedMessageAndMayReturn) {
     heard().clear();
@@ -845,6 +865,8 @@ TEST(Fatal, withoutHandlerTheProcessEndsAgain) {
     EXPECT_TRUE(result.exitedWith(1)) << result.status;
 }
 
-TEST(NetDebug, isOffAtTheStart) { EXPECT_EQ(NwNetDebugOn, 0); }
+TEST(NetDebug, isOffAtTheStart) {
+    EXPECT_EQ(NwNetDebugOn, 0);
+}
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Whether this build runs under a sanitizer. The thread sanitizer delays signals and watches mutexes by itself; it and the
-// address sanitizer bring an operator new of their own.
+// Whether this build runs under a sanitizer. The thread sanitizer delays signals and watches mutexes by
+// itself; it and the address sanitizer bring an operator new of their own.
 #ifndef CVUTIL_TESTS_SANITIZERS_H
 #define CVUTIL_TESTS_SANITIZERS_H
 

@@ -3,7 +3,7 @@
 #include <cvutil/cvMutex.h>
 
 class Counter {
-  public:
+public:
     void increment() {
         NwScopedLock lock(myMutex);
         ++myCount;
@@ -15,10 +15,12 @@ class Counter {
         return true;
     }
 #ifdef UNGUARDED
-    int peek() { return myCount; }
+    int peek() {
+        return myCount;
+    }
 #endif
 
-  private:
+private:
     NwMutex myMutex;
     int myCount NW_GUARDED_BY(myMutex) = 0;
 };
