@@ -59,6 +59,11 @@ public:
     using Base::socketFd;
 };
 
+// The bundles of any socket, also of one whose class is not derived from.
+struct Bundles : NwSocket {
+    static BundleMap& of(NwSocket& socket) { return socket.*(&Bundles::bundles); }
+};
+
 // A transport that notes what it is given. Results are the length, or what the test has in store.
 class RecordingTransport : public NwSocket {
 public:
@@ -188,7 +193,7 @@ class OverUdp {
     Messages myMessages;  // failed sends report themselves
 
 public:
-    Opened<NwNetSocket> socket{myWire.port(), kNear, kWriteQuietly, kNear};
+    NwNetSocket socket{myWire.port(), kNear, kWriteQuietly, kNear};
 
     ~OverUdp() {
         if (myHasFragile) breakFragile();
@@ -212,10 +217,10 @@ protected:
     int send(std::size_t count, char letter, NwIpv4Addr to) { return give(socket(), bytes(count, letter), to); }
     NwSocket& socket() { return transport.socket; }
     std::string pending(NwIpv4Addr to) {
-        const std::vector<char>& bundle = transport.socket.bundles.at(to);
+        const std::vector<char>& bundle = Bundles::of(socket()).at(to);
         return std::string(bundle.begin(), bundle.end());
     }
-    bool hasEntry(NwIpv4Addr to) { return transport.socket.bundles.count(to) == 1; }
+    bool hasEntry(NwIpv4Addr to) { return Bundles::of(socket()).count(to) == 1; }
     void expectSent(const Traffic& expected) {
         Traffic arrived = expected;
         for (Sent& sent : arrived) sent.to = Transport::arrivesAt(sent.to);
@@ -242,27 +247,23 @@ TYPED_TEST_SUITE(Bundling, Transports, TransportNames);
 
 TYPED_TEST(Bundling, isOffAtTheStart) {
     EXPECT_EQ(this->socket().isBundling(), 0);
-    EXPECT_EQ(this->transport.socket.bundling, 0);
-    EXPECT_EQ(this->transport.socket.bundleSize, 0);
-    EXPECT_TRUE(this->transport.socket.bundles.empty());
+    EXPECT_TRUE(Bundles::of(this->socket()).empty());
 }
 
 TYPED_TEST(Bundling, whileOffEachPacketIsSentAtOnceAndNoBundleIsMade) {
     EXPECT_EQ(this->send(10, 'a', kNear), 10);
     EXPECT_EQ(this->send(1400, 'b', kFar), 1400);
     this->expectSent({{kNear, bytes(10, 'a')}, {kFar, bytes(1400, 'b')}});
-    EXPECT_TRUE(this->transport.socket.bundles.empty());
+    EXPECT_TRUE(Bundles::of(this->socket()).empty());
 }
 
 TYPED_TEST(Bundling, sizeIsCutToTheLargestPacket) {
     NwSocket& socket = this->socket();
     socket.setBundling(1400);
     EXPECT_EQ(socket.isBundling(), 1400);
-    EXPECT_EQ(this->transport.socket.bundling, 1);
     for (int size : {15000, 15001, 100000, INT_MAX}) {
         socket.setBundling(size);
         EXPECT_EQ(socket.isBundling(), 15000) << size;
-        EXPECT_EQ(this->transport.socket.bundling, 1);
     }
     for (int size : {14999, 1, 12}) {
         socket.setBundling(size);
@@ -270,7 +271,6 @@ TYPED_TEST(Bundling, sizeIsCutToTheLargestPacket) {
     }
     socket.setBundling(0);
     EXPECT_EQ(socket.isBundling(), 0);
-    EXPECT_EQ(this->transport.socket.bundling, 0);
 }
 
 TYPED_TEST(Bundling, packetsThatJustFitStayAndTheNextByteFlushesThem) {
@@ -425,7 +425,6 @@ TYPED_TEST(Bundling, negativeSizeIsKeptAndSendsEachPacketByItself) {
     for (int size : {-1, -1400, INT_MIN}) {
         this->socket().setBundling(size);
         EXPECT_EQ(this->socket().isBundling(), size);
-        EXPECT_EQ(this->transport.socket.bundling, 1);
         EXPECT_EQ(this->send(10, 'a', kNear), 10);
         EXPECT_EQ(this->send(2000, 'b', kNear), 2000);
         this->expectSent({{kNear, bytes(10, 'a')}, {kNear, bytes(2000, 'b')}});
@@ -998,6 +997,15 @@ TEST(BaseSocket, fieldsStartAsDocumented) {
     EXPECT_EQ(socket.socketFd, -1);
 }
 
+TEST(BaseSocket, bundlingFlagFollowsTheSize) {
+    Recorder socket;
+    for (int size : {1400, 0, 100000, 0, -5, 0, 1}) {
+        socket.setBundling(size);
+        EXPECT_EQ(socket.bundling, size != 0) << size;
+        EXPECT_EQ(socket.bundleSize, socket.isBundling());
+    }
+}
+
 TEST(BaseSocket, cannotBeCopied) {
     static_assert(!std::is_copy_constructible<NwSocket>::value, "it owns a descriptor");
     static_assert(!std::is_copy_assignable<Recorder>::value, "it owns a descriptor");
@@ -1256,4 +1264,155 @@ TEST(Accept, readsThreeBytesOfThePacketAndChangesNone) {
     header[2] = 1;
     EXPECT_TRUE(socket.accept(header.get(), 1));
     EXPECT_EQ(std::memcmp(header.get(), theHeader, 3), 0);
+}
+
+// --- header filters on real datagrams ------------------------------------------------------------------------------
+//
+// The UDP socket itself and a class derived from it must answer alike.
+
+namespace {
+
+class DerivedUdp : public NwNetSocket {
+public:
+    using NwNetSocket::NwNetSocket;
+};
+
+template <class Socket>
+class FiltersOverUdp : public testing::Test {
+protected:
+    FiltersOverUdp() { socket.NwBecomeNonBlocking(); }
+
+    // The status with which one PDU (version 7, exercise 3, type 1, from 127.0.0.1) comes through.
+    int status() {
+        peer.send(pdu(20, 1, 7, 3, 1), port);
+        EXPECT_TRUE(waitReadable(socket.readFd()));
+        char none = 0;
+        char* received = &none;
+        int code = 99;
+        const int length = socket.NwRecv(&received, &code);
+        EXPECT_EQ(length, code == 1 ? 20 : 0);
+        EXPECT_EQ(received == nullptr, code != 1);
+        return code;
+    }
+
+    const int port = freePort();
+    Messages messages;
+    UdpPeer peer;
+    Socket socket{port, kNear, static_cast<unsigned char>(17), kNear};
+};
+
+typedef testing::Types<NwNetSocket, DerivedUdp> UdpClasses;
+
+struct UdpClassNames {
+    template <class T>
+    static std::string GetName(int) {
+        return std::is_same<T, NwNetSocket>::value ? "Itself" : "Derived";
+    }
+};
+
+TYPED_TEST_SUITE(FiltersOverUdp, UdpClasses, UdpClassNames);
+
+const int kDelivered = 1;
+const int kRefused = -2;
+
+}  // namespace
+
+TYPED_TEST(FiltersOverUdp, withoutFiltersEverythingPasses) {
+    EXPECT_EQ(this->status(), kDelivered);
+    EXPECT_EQ(this->socket.lastSourceInetAddr(), kNear);
+}
+
+TYPED_TEST(FiltersOverUdp, eachFilterLooksAtItsOwnField) {
+    NwFilterTest& (NwSocket::*const filters[])() = {&NwSocket::protocolVersion, &NwSocket::exerciseId,
+                                                    &NwSocket::pduKind, &NwSocket::ipAddr};
+    unsigned int fields[] = {7, 3, 1, kNear};
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        NwFilterTest& filter = (this->socket.*filters[i])();
+        filter.setTest(NwTestInclude, 1, &fields[i]);
+        EXPECT_EQ(this->status(), kDelivered);
+        unsigned int other = fields[i] + 1;
+        filter.setTest(NwTestInclude, 1, &other);
+        EXPECT_EQ(this->status(), kRefused);
+        filter.setTest(NwTestExclude, 1, &fields[i]);
+        EXPECT_EQ(this->status(), kRefused);
+        filter.disableTest();
+        EXPECT_EQ(this->status(), kDelivered);
+    }
+}
+
+TYPED_TEST(FiltersOverUdp, everyWayToChangeATestCountsAtOnce) {
+    NwFilterTest& filter = this->socket.exerciseId();
+    unsigned int three = 3, four = 4;
+    filter.extendTest(1, &three);
+    EXPECT_EQ(this->status(), kRefused) << "excluded by extendTest alone";
+    filter.extendTest(1, &four);
+    filter.reduceTest(1, &three);
+    EXPECT_EQ(this->status(), kDelivered) << "taken out by reduceTest";
+    filter.reduceTest(1, &four);
+    EXPECT_EQ(this->status(), kDelivered);
+    filter.setOperator(NwTestInclude);
+    EXPECT_EQ(this->status(), kRefused) << "an inclusion of nothing";
+    filter.extendTest(1, &three);
+    EXPECT_EQ(this->status(), kDelivered);
+    filter.clearList();
+    EXPECT_EQ(this->status(), kRefused) << "the operator stays";
+    filter.setOperator(NwTestExclude);
+    EXPECT_EQ(this->status(), kDelivered);
+    filter.extendTest(1, &three);
+    filter.clearList();
+    EXPECT_EQ(this->status(), kDelivered);
+    EXPECT_EQ(this->socket.NwReportPktsRcvd(), 8) << "refused packets are counted";
+}
+
+TYPED_TEST(FiltersOverUdp, allFourMustPass) {
+    unsigned int fields[] = {7, 3, 1, kNear};
+    NwFilterTest* const filters[] = {&this->socket.protocolVersion(), &this->socket.exerciseId(), &this->socket.pduKind(),
+                                     &this->socket.ipAddr()};
+    for (int i = 0; i < 4; ++i) filters[i]->setTest(NwTestInclude, 1, &fields[i]);
+    EXPECT_EQ(this->status(), kDelivered);
+    for (int i = 0; i < 4; ++i) {
+        filters[i]->setTest(NwTestInclude, 0, nullptr);
+        EXPECT_EQ(this->status(), kRefused) << i;
+        filters[i]->setTest(NwTestInclude, 1, &fields[i]);
+    }
+    EXPECT_EQ(this->status(), kDelivered);
+}
+
+// Overrides of a derived class are asked for each packet.
+TEST(FiltersOfADerivedUdpSocket, accessorsAndAcceptAreReplaced) {
+    class Replaced : public NwNetSocket {
+    public:
+        using NwNetSocket::NwNetSocket;
+        NwFilterTest& pduKind() override { return question; }
+        Question question;
+    };
+    class Refusing : public NwNetSocket {
+    public:
+        using NwNetSocket::NwNetSocket;
+        bool accept(char* packet, unsigned int from) override {
+            seen.push_back(std::string(packet, 4) + " from " + NwInetAddrString(from));
+            return false;
+        }
+        std::vector<std::string> seen;
+    };
+    UdpPeer peer;
+    const int port = freePort();
+    char* received = nullptr;
+    int status = 0;
+    Log log;
+    {
+        Replaced socket(port, kNear, static_cast<unsigned char>(17), kNear);
+        socket.question.log = &log;
+        socket.question.answer = false;
+        peer.send(pdu(20, 1, 7, 3, 9), port);
+        EXPECT_EQ(socket.NwRecv(&received, &status), 0);
+        EXPECT_EQ(status, kRefused);
+        EXPECT_EQ(log, Log{" byte 9"});
+    }
+    Refusing socket(port, kNear, static_cast<unsigned char>(17), kNear);
+    peer.send(pdu(20, 1, 7, 3, 9), port);
+    EXPECT_EQ(socket.NwRecv(&received, &status), 0);
+    EXPECT_EQ(status, kRefused);
+    EXPECT_EQ(socket.seen, std::vector<std::string>{std::string("\7\3\11\1", 4) + " from 127.0.0.1"});
 }
