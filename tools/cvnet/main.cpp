@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // cvnet: shows a person how the packet library works. Reads the options, runs one sub-command.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstring>
 #include <exception>
@@ -29,6 +32,15 @@ using Commands = std::array<std::unique_ptr<Command>, 3>;
 
 Commands makeCommands() {
     return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand()};
+}
+
+// Started with one of them closed, the next socket or file would take its number, and lines meant for a
+// person would end up in there.
+void fillStandardDescriptors() {
+    int fd = 0;
+    while ((fd = ::open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO) {
+    }
+    if (fd >= 0) ::close(fd);
 }
 
 // Known before the options are read, so that an error in them already says whose they are.
@@ -78,6 +90,7 @@ int run(int argc, char** argv) {
 }  // namespace cvnet
 
 int main(int argc, char** argv) {
+    cvnet::fillStandardDescriptors();
     try {
         return cvnet::run(argc, argv);
     } catch (const cvnet::Failure& failure) {

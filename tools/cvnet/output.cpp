@@ -2,6 +2,7 @@
 // Buffered lines on standard output, single lines on standard error.
 #include "output.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <cerrno>
@@ -51,6 +52,11 @@ Window window() {
 }  // namespace
 
 Output::Output() : terminal_(::isatty(STDOUT_FILENO) == 1), colours_(terminal_ && coloursWanted()) {}
+
+void Output::lookForReader() {
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    if (::poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)) != 0) closed_ = true;
+}
 
 void Output::line(std::string_view text) {
     pending_ += text;

@@ -24,6 +24,9 @@ public:
 
     bool closed() const { return closed_; }
 
+    /// Looks whether the reader has gone, without writing; closed() tells.
+    void lookForReader();
+
     /// Appends the text and an end of line.
     void line(std::string_view text);
 

@@ -403,7 +403,7 @@ void Receiver::doWhatIsDue(Clock::time_point now) {
 void Receiver::idle() {
     if (writer_) writer_->flush();
     out_.flush();
-    StopSignal::wait(socket_->readFd(), nextEvent());
+    if (!StopSignal::wait(socket_->readFd(), nextEvent())) out_.lookForReader();
 }
 
 void Receiver::showHint() {

@@ -32,7 +32,11 @@ namespace {
 
 constexpr unsigned char kWriteQuietly = NwNetSocketWrite | NwNetSocketQuietStart;
 constexpr int kMaxTtl = 255;
+constexpr double kLeastSpeed = 1e-6;
+constexpr double kMaxSpeed = 1e6;
+constexpr double kLeastRate = 1e-6;
 constexpr double kMaxRate = 1e9;
+constexpr double kMaxFlushMs = 1e6;
 constexpr double kMaxSeconds = 1e9;
 // Half of what IEEE 1278.1 allows closely coupled simulations for the whole way (100 ms).
 constexpr double kDefaultFlushMs = 50.0;
@@ -97,6 +101,10 @@ void checkOptions(const SendOptions& options) {
         throw UsageFailure("give --pcap FILE or --synthetic N (one of them)");
     }
     if (options.bundleBytes != 0) checkRange("--bundle", options.bundleBytes, kPduHeaderSize, kMaxPayload);
+    // The checks while parsing let "nan" pass.
+    checkRange("--speed", options.speed, kLeastSpeed, kMaxSpeed);
+    if (options.rate != 0.0) checkRange("--rate", options.rate, kLeastRate, kMaxRate);
+    checkRange("--flush-ms", options.flushMs, 0.0, kMaxFlushMs);
     checkRange("--seconds", options.limits.seconds, 0.0, kMaxSeconds);
 }
 
@@ -241,6 +249,7 @@ bool Sender::waitUntil(Clock::time_point due) {
         if (now >= progressDue_) showProgress(now);
         if (now >= due) return true;
         StopSignal::wait(-1, nextEvent(due));
+        out_.lookForReader();
     }
 }
 
@@ -359,12 +368,12 @@ void SendCommand::addOptions(CLI::App& app) {
         ->needs(synthetic);
     CLI::Option* speed =
         app.add_option("--speed", options_.speed, "Replay N times as fast as recorded (default 1)")
-            ->check(range(1e-6, 1e6))
+            ->check(range(kLeastSpeed, kMaxSpeed))
             ->type_name("N")
             ->needs(pcap);
     CLI::Option* rate = app.add_option("--rate", options_.rate,
                                        "Send R PDUs per second (synthetic entities: 5 each, if not given)")
-                            ->check(range(1e-6, kMaxRate))
+                            ->check(range(kLeastRate, kMaxRate))
                             ->type_name("R")
                             ->excludes(speed);
     app.add_flag("--fast", options_.fast, "Send as fast as the host takes it")
@@ -385,7 +394,7 @@ void SendCommand::addOptions(CLI::App& app) {
     app.add_option("--flush-ms", options_.flushMs,
                    fmt::format("Send a bundle at the latest MS milliseconds after its first PDU (default {})",
                                kDefaultFlushMs))
-        ->check(range(0.0, 1e6))
+        ->check(range(0.0, kMaxFlushMs))
         ->type_name("MS")
         ->needs(bundle);
     app.add_option("--ttl", options_.ttl, "Time-to-live of multicast")

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <iterator>
 
 #include "failure.h"
 #include "text.h"
@@ -58,11 +59,12 @@ bool StopSignal::raised() {
 }
 
 bool StopSignal::wait(int fd, std::optional<Clock::time_point> until) {
-    pollfd watched[2] = {{gPipe[0], POLLIN, 0}, {fd, POLLIN, 0}};  // poll skips a negative descriptor
+    // poll skips a negative descriptor, and tells of errors without being asked.
+    pollfd watched[] = {{gPipe[0], POLLIN, 0}, {fd, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
     for (;;) {
         if (raised()) return false;
         const timespec left = until ? remaining(*until) : timespec{};
-        const int ready = ::ppoll(watched, 2, until ? &left : nullptr, nullptr);
+        const int ready = ::ppoll(watched, std::size(watched), until ? &left : nullptr, nullptr);
         const int error = errno;
         if (ready >= 0) return (watched[1].revents & (POLLIN | POLLERR)) != 0;
         if (error != EINTR) throw Failure("cannot wait: " + errorText(error));

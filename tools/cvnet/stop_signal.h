@@ -19,8 +19,8 @@ public:
     /// Whether one has come.
     static bool raised();
 
-    /// Waits until a signal comes, `fd` can be read (-1: no descriptor), or `until` (none: for ever).
-    /// True when `fd` can be read.
+    /// Waits until a signal comes, `fd` can be read (-1: no descriptor), the reader of standard output goes
+    /// away, or `until` (none: for ever). True when `fd` can be read.
     static bool wait(int fd, std::optional<Clock::time_point> until);
 };
 

@@ -18,7 +18,7 @@ recorded_pdus=383
 recorded_datagrams=231
 bundle=8192   # bytes a datagram
 speed=40      # times as fast as recorded: 2.5 s, and far below what a default receive buffer holds
-patience=10   # seconds without a datagram after which the receiver gives up
+patience=5    # seconds without a datagram after which the receiver gives up
 
 bold='' green='' red='' plain=''
 if [ -t 1 ] && [ -z "${NO_COLOR:-}" ]; then
