@@ -66,12 +66,14 @@ bool isRunning(const std::string& interfaceName) {
     return running;
 }
 
-// An end of a cable takes up its work a moment after the other end came up; what is sent earlier is lost. The
-// command that changes nothing waits for the lock under which the kernel does that.
+// An end of a cable takes up its work a moment after the other end came up; what is sent earlier is lost. Asking
+// for the link and setting it to what it is make the kernel finish what it has put off, under its own lock.
 void waitForCable(const std::string& interfaceName) {
+    const auto finish = [&] { run("ip link show dev " + interfaceName + " && ip link set " + interfaceName + " up"); };
+    finish();
     if (!eventually([&] { return isRunning(interfaceName); }))
         throw std::runtime_error(interfaceName + " does not come up");
-    run("ip link set " + interfaceName + " up");
+    finish();
 }
 
 int openNamespace() {
