@@ -5,7 +5,11 @@
 #include <new>
 
 NwList::~NwList() {
-    while (myFirst) remove(myFirst);
+    for (NwListItem* item = myFirst; item;) {
+        NwListItem* next = item->myNext;
+        delete item;
+        item = next;
+    }
 }
 
 NwListItem* NwList::add(void* data) {

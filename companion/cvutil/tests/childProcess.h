@@ -6,6 +6,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +35,7 @@ inline ChildResult runInChild(const std::function<void()>& body) {
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a child that hangs goes with the test that is stopped
         ::dup2(outputPipe[1], STDOUT_FILENO);
         ::dup2(errorPipe[1], STDERR_FILENO);
         for (int fd : {outputPipe[0], outputPipe[1], errorPipe[0], errorPipe[1]}) ::close(fd);

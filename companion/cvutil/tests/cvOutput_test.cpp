@@ -67,7 +67,7 @@ protected:
     }
 
     std::string take() {
-        const std::string text = myRecorder.text();
+        std::string text = myRecorder.text();
         myRecorder.writes.clear();
         return text;
     }
@@ -93,14 +93,20 @@ TEST_F(Output, levelDecidesWhichStreamsPrint) {
     const struct {
         int level;
         const char* shown;
-    } cases[] = {{-2147483647 - 1, ""},   {-1, ""}, {0, "00"}, {1, "0011"}, {2, "001122"}, {3, "00112233"},
-                 {2147483647, "00112233"}};
+    } cases[] = {{-2147483647 - 1, ""},
+                 {-1, ""},
+                 {0, "00."},
+                 {1, "00.11."},
+                 {2, "00.11.22."},
+                 {3, "00.11.22.33."},
+                 {2147483647, "00.11.22.33."}};
     for (const auto& sample : cases) {
         NwSetOutputLevel(sample.level);
         EXPECT_EQ(NwGetOutputLevel(), sample.level);
         for (int i = 0; i < 4; ++i) {
             (*ourStreams[i])("%d", i);
             *ourStreams[i] << i;
+            ourStreams[i]->put('.');
         }
         EXPECT_EQ(take(), sample.shown) << "level " << sample.level;
         for (int i = 0; i < 4; ++i) EXPECT_EQ(ourStreams[i]->okToPrint(), i <= sample.level);
