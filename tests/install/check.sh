@@ -1,0 +1,193 @@
+#!/bin/bash
+# SPDX-License-Identifier: BSD-3-Clause
+# The checks of an installed tree, one a call: check.sh VERB ARGUMENTS..., run by ctest, which sets the variables.
+# Exit status 77 says, with a reason on standard output, that this machine or build cannot make the check.
+set -euo pipefail
+
+# Two installed trees: one where it was installed to, and one that was moved afterwards.
+first=$CVNC_STAGE/first
+moved=$CVNC_STAGE/moved
+beforeMoving=$CVNC_STAGE/before-moving
+
+here=$(cd "$(dirname "$0")" && pwd)
+warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Werror)
+
+skip() { echo "skipped: $*"; exit 77; }
+fail() { echo "FAILED: $*" >&2; exit 1; }
+
+# An empty directory of this check alone, removed at the end. Its name is always the same, so that a compiler cache
+# knows the files again.
+scratch() {
+    work=${CVNC_STAGE%/*}/work.$1
+    rm -rf "$work"
+    mkdir -p "$work"
+    trap 'rm -rf "$work"' EXIT
+}
+
+need_compiler() { command -v "$1" >/dev/null || skip "$1 is not installed"; }
+
+# Configures with the compiler and its launcher of the surrounding build: configure SOURCE BUILD OPTIONS...
+configure() {
+    local source=$1 build=$2
+    shift 2
+    cmake -S "$source" -B "$build" -G Ninja "-DCMAKE_CXX_COMPILER_LAUNCHER=$CVNC_CXX_LAUNCHER" "$@"
+}
+
+install_trees() {
+    rm -rf "$CVNC_STAGE"
+    cmake --install "$CVNC_BUILD_DIR" --prefix "$first" >/dev/null
+    cmake --install "$CVNC_BUILD_DIR" --prefix "$beforeMoving" >/dev/null
+    mv "$beforeMoving" "$moved"
+}
+
+# A header of the source tree that says "Not installed" is internal; every other one is part of the product.
+installed_headers() {
+    local component header installed count=0
+    for component in libsrc/cvNetworkCompatibility companion/cvutil; do
+        for header in "$CVNC_SOURCE_DIR/$component"/*.h; do
+            installed=$first/include/$(basename "$component")/$(basename "$header")
+            if grep -q '^// Not installed' "$header"; then
+                [ ! -e "$installed" ] || fail "internal header installed: $installed"
+            else
+                cmp "$header" "$installed"
+                count=$((count + 1))
+            fi
+        done
+    done
+    [ "$count" -ge 11 ] || fail "only $count public headers found"
+    [ "$(find "$first/include" -type f | wc -l)" -eq "$count" ] || fail "more than the public headers is installed"
+    for header in cvSetting.h cvDisHeader.h; do
+        [ -z "$(find "$first" -name "$header")" ] || fail "$header is installed"
+    done
+}
+
+no_build_path() {
+    local library path
+    case $CVNC_BUILD_TYPE in Release | MinSizeRel) ;; *) skip "a build with debug information names directories" ;; esac
+    for library in "$first/$CVNC_LIBDIR"/lib*.so.54; do
+        for path in "$CVNC_SOURCE_DIR" "$CVNC_BUILD_DIR" "$CVNC_STAGE"; do
+            ! grep -qaF "$path" "$library" || fail "$library holds $path"
+        done
+    done
+}
+
+# Runs a built consumer the way a user does: nothing tells the loader where the libraries are but the program.
+run_consumer() { env -u LD_LIBRARY_PATH "$1"; }
+
+configure_consumer() {  # TREE MAJOR_VERSION CMAKE_OPTIONS...
+    local tree=$1 version=$2
+    shift 2
+    configure "$here/consumer" "$work/build" -DCMAKE_BUILD_TYPE=Release "-DWANTED_VERSION=$version" \
+        "-DCMAKE_PREFIX_PATH=$CVNC_STAGE/$tree" "$@"
+}
+
+# Whatever was found must have been found in TREE: no_other_tree TREE FILES_AND_DIRECTORIES...
+no_other_tree() {
+    local tree=$1 other
+    shift
+    for other in "$first" "$moved" "$beforeMoving"; do
+        [ "$other" != "$CVNC_STAGE/$tree" ] || continue
+        ! grep -rF "$other/" "$@" || fail "$other is used instead of $tree"
+    done
+}
+
+consumer_by_cmake() {
+    local tree=$1 compiler=$2
+    need_compiler "$compiler"
+    scratch "cmake.$tree.$compiler"
+    configure_consumer "$tree" 54 "-DCMAKE_CXX_COMPILER=$compiler"
+    cmake --build "$work/build"
+    no_other_tree "$tree" "$work/build"
+    run_consumer "$work/build/consumer"
+    run_consumer "$work/build/consumer_as_needed"
+}
+
+other_version_refused() {
+    scratch other-version
+    local version
+    for version in 53 55; do
+        ! configure_consumer first "$version" "-DCMAKE_CXX_COMPILER=$CVNC_CXX" >"$work/log" 2>&1 ||
+            fail "version $version was found"
+        grep -q "requested version \"$version\"" "$work/log" || { cat "$work/log"; fail "another error than the version"; }
+        rm -rf "$work/build"
+    done
+}
+
+consumer_by_pkg_config() {
+    local tree=$1 compiler=$2
+    need_compiler "$compiler"
+    need_compiler pkg-config
+    scratch "pkg-config.$tree.$compiler"
+    export PKG_CONFIG_LIBDIR=$CVNC_STAGE/$tree/$CVNC_LIBDIR/pkgconfig
+    unset PKG_CONFIG_PATH PKG_CONFIG_SYSROOT_DIR
+    [ "$(pkg-config --modversion cvNetworkCompatibility)" = 54.0.0 ] || fail "version of cvNetworkCompatibility"
+    [ "$(pkg-config --modversion cvutil)" = 54.0.0 ] || fail "version of cvutil"
+
+    local flags libdir variant
+    pkg-config --cflags --libs cvNetworkCompatibility >"$work/flags"
+    pkg-config --print-requires cvNetworkCompatibility | grep -q '^cvutil' || fail "cvutil is not required"
+    libdir=$(pkg-config --variable=libdir cvNetworkCompatibility)
+    no_other_tree "$tree" "$work/flags"
+    read -ra flags <"$work/flags"
+    for variant in --no-as-needed --as-needed; do
+        "$compiler" -std=c++11 "${warnings[@]}" "$here/consumer/consumer.cpp" -o "$work/consumer" \
+            "-Wl,$variant" "${flags[@]}" "-Wl,-rpath,$libdir"
+        run_consumer "$work/consumer"
+    done
+}
+
+# The installed tool starts as it lies there.
+tool_starts() {
+    [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
+    local tree
+    for tree in "$first" "$moved"; do
+        env -u LD_LIBRARY_PATH "$tree/bin/cvnet" --version
+    done
+}
+
+# Each header as the first of its file, and once more, for its guard.
+headers_alone() {
+    local compiler=$1 standard=$2 header
+    need_compiler "$compiler"
+    scratch "headers.$compiler.$standard"
+    (cd "$first/include" && find . -name '*.h' | sed 's,^\./,,') >"$work/headers"
+    [ -s "$work/headers" ] || fail "no headers installed"
+    while read -r header; do
+        printf '#include <%s>\n#include <%s>\n' "$header" "$header" >"$work/${header//\//_}.cpp"
+    done <"$work/headers"
+    "$compiler" "-std=c++$standard" "${warnings[@]}" -fsyntax-only "-I$first/include" "$work"/*.cpp
+    echo "$(wc -l <"$work/headers") headers"
+}
+
+least_includes() {
+    need_compiler "$1"
+    scratch "least.$1"
+    (cd "$first/include" && find . -name '*.h' | sed 's,^\./\(.*\),#include <\1>,') >"$work/all_headers.h"
+    "$1" -std=c++11 "${warnings[@]}" -fsyntax-only "-I$first/include" "-I$work" "$here/least_includes.cpp"
+}
+
+library_without_companion_sources() {
+    scratch library
+    local entry
+    mkdir "$work/source"
+    for entry in CMakeLists.txt cmake libsrc LICENSE README.md CHANGELOG.md packaging tools examples; do
+        [ ! -e "$CVNC_SOURCE_DIR/$entry" ] || cp -r "$CVNC_SOURCE_DIR/$entry" "$work/source/"
+    done
+    configure "$work/source" "$work/build" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_COMPILER=$CVNC_CXX" \
+        "-DCVUTIL_ROOT=$first" -DBUILD_TESTING=OFF -DCVNC_BUILD_BENCH=OFF
+    cmake --build "$work/build" --target cvNetworkCompatibility
+    readelf -d "$work/build/libsrc/cvNetworkCompatibility/libcvNetworkCompatibility.so" | grep -F '[libcvutil.so.54]'
+}
+
+companion_alone() {
+    scratch companion
+    cp -r "$CVNC_SOURCE_DIR/companion/cvutil" "$work/"
+    configure "$work/cvutil" "$work/build" -DCMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_COMPILER=$CVNC_CXX"
+    cmake --build "$work/build" --target all cvutil_tests_shared cvutil_tests_static
+    cmake --install "$work/build" --prefix "$work/installed" >/dev/null
+    [ -e "$work/installed/$CVNC_LIBDIR/libcvutil.so.54" ] || fail "no library installed"
+    [ -e "$work/installed/include/cvutil/cvList.h" ] || fail "no headers installed"
+}
+
+[ -z "$CVNC_SANITIZER" ] || skip "a $CVNC_SANITIZER sanitizer build is not what users install"
+"$@"
