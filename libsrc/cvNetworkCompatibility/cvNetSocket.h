@@ -247,7 +247,15 @@ private:
     void printReady(unsigned int addr) const;
     bool isOwnPacket() const;
     bool isInRecvBuffer(const char* place) const;
+    void warnOfHeader(int protocol, int exercise) const;
+    void refuseShortPacket();
     void discardDatagram();
+    template <bool direct>
+    int receive(char** buf, int* status);
+    template <bool direct>
+    int nextPacket(char** buf);
+    template <bool direct>
+    void findPacket();
 
     std::unique_ptr<char[]> keptPackets;     // packets that were pending when unbundling was switched off
     std::unique_ptr<sockaddr_in> keptSource; // and their sender

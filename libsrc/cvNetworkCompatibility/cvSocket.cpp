@@ -129,43 +129,34 @@ NwSocket::~NwSocket() = default;
 
 // The bundle of a destination, with room for the largest one: reserved once, then cleared and filled again.
 inline std::vector<char>& NwSocket::bundleOf(NwIpv4Addr destAddr) {
-    if (!lastBundle || lastBundle->first != destAddr) findBundle(destAddr);
-    std::vector<char>& bundle = lastBundle->second;
-    const int largest = nwSetting(theMaxPacketSize);
-    if (largest > 0) bundle.reserve(static_cast<std::size_t>(largest));
-    return bundle;
+    if (!lastBundle || lastBundle->first != destAddr)
+        lastBundle = &*bundles.emplace(destAddr, std::vector<char>()).first;
+    const int largest = NwMaxPacketSize();
+    if (largest > 0) lastBundle->second.reserve(static_cast<std::size_t>(largest));
+    return lastBundle->second;
 }
 
-void NwSocket::findBundle(NwIpv4Addr destAddr) {
-    lastBundle = &*bundles.emplace(destAddr, std::vector<char>()).first;
-}
-
-int NwSocket::NwSend(char* buf, unsigned long len, unsigned int destAddr) try {
+int NwSocket::NwSend(char* buf, unsigned long len, unsigned int destAddr) {
     return bundling ? sendBundled(buf, len, destAddr) : sendTo(buf, len, destAddr);
-} catch (const std::bad_alloc&) {
-    return -1;
-} catch (const std::length_error&) {
-    return -1;
 }
 
-int NwSocket::sendBundled(char* buf, unsigned long len, unsigned int destAddr) {
+int NwSocket::sendBundled(char* buf, unsigned long len, unsigned int destAddr) try {
     std::vector<char>& bundle = bundleOf(destAddr);  // also for a packet that will be sent directly: meant
     long flushed = 0;
     // A negative size converts to one that nothing exceeds; the test below then sends each packet by itself.
     const unsigned long limit = static_cast<unsigned long>(static_cast<long>(bundleSize));
     const bool fits = len <= limit && bundle.size() <= limit - len;
-    if (!fits && !bundle.empty() && flushForRoom(flushed) == -1) return -1;
+    if (!fits && !bundle.empty() && flush(flushed) == -1) return -1;
 
     if (len <= INT_MAX && static_cast<int>(len) < bundleSize) {
         bundle.insert(bundle.end(), buf, buf + len);
         return static_cast<int>(flushed);
     }
     return sendTo(buf, len, destAddr);
-}
-
-// Out of line: what happens once a bundle costs nothing where a packet only joins it.
-[[gnu::noinline]] int NwSocket::flushForRoom(long& bytesSent) {
-    return flush(bytesSent);
+} catch (const std::bad_alloc&) {
+    return -1;
+} catch (const std::length_error&) {
+    return -1;
 }
 
 int NwSocket::flush() {

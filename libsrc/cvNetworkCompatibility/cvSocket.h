@@ -233,10 +233,8 @@ protected:
     NwFilterTest ipAddrTest;
 
 private:
-    std::vector<char>& bundleOf(NwIpv4Addr destAddr);
-    void findBundle(NwIpv4Addr destAddr);
     int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
-    int flushForRoom(long& bytesSent);
+    std::vector<char>& bundleOf(NwIpv4Addr destAddr);
 
     // The bundle that NwSend used last: most senders have one destination.
     BundleMap::value_type* lastBundle;
