@@ -135,7 +135,7 @@ void printJson(Output& out, const std::vector<Row>& rows, NwIpv4Addr defaultAddr
             line["mask"] = addressText(row.entry.maskHostOrder);
             line["broadcast"] = addressText(row.broadcast);
         } else {
-            line["address"] = line["mask"] = line["broadcast"] = nullptr;
+            for (const char* field : {"address", "mask", "broadcast"}) line[field] = nullptr;
         }
         line["flags"] = flagNames(row.entry.flags);
         line["default"] = row.isDefault;
