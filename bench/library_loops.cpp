@@ -42,6 +42,21 @@ Delivered libraryReceiveCopied(NwSocket& socket, int pdus) {
     return delivered;
 }
 
+Delivered emptyLoops(PduSource& source, int pdus) {
+    char* packet = nullptr;
+    int length = kPduBytes;
+    for (int i = 0; i < pdus; ++i) {
+        packet = source.next();
+        asm volatile("" : "+r"(packet));  // the compiler must believe that something used it
+    }
+    Delivered delivered;
+    for (int i = 0; i < pdus; ++i) {
+        asm volatile("" : "+r"(packet), "+r"(length));
+        delivered.take(packet, length);
+    }
+    return delivered;
+}
+
 void setFilters(NwSocket& socket, const HandFilters& filters, Active active) {
     socket.protocolVersion().disableTest();
     socket.exerciseId().disableTest();

@@ -16,6 +16,9 @@ Delivered libraryReceive(NwSocket& socket, int pdus);
 // The same through the form that copies to the application's own storage.
 Delivered libraryReceiveCopied(NwSocket& socket, int pdus);
 
+// What these loops do around the library: the same PDUs made and looked at, nothing sent, nothing received.
+Delivered emptyLoops(PduSource& source, int pdus);
+
 // Gives the socket the filters that the bare loop applies by hand.
 void setFilters(NwSocket& socket, const HandFilters& filters, Active active);
 
