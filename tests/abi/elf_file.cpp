@@ -30,14 +30,14 @@ ElfFile::ElfFile(const std::string& path) {
     if (!file) throw std::runtime_error("cannot open " + path);
     myBytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 
-    const ElfW(Ehdr)* header = at<ElfW(Ehdr)>(0);
-    if (std::memcmp(header->e_ident, ELFMAG, SELFMAG) != 0 || header->e_shentsize != sizeof(ElfW(Shdr)))
+    const ElfHeader* header = at<ElfHeader>(0);
+    if (std::memcmp(header->e_ident, ELFMAG, SELFMAG) != 0 || header->e_shentsize != sizeof(ElfSection))
         throw std::runtime_error(path + " is no linked file of this machine");
-    const ElfW(Shdr)* sections = at<ElfW(Shdr)>(header->e_shoff, header->e_shnum);
+    const ElfSection* sections = at<ElfSection>(header->e_shoff, header->e_shnum);
     mySections.assign(sections, sections + header->e_shnum);
 
     readSymbols();
-    myRelocations = entriesOf<ElfW(Rela)>(SHT_RELA);
+    myRelocations = entriesOf<ElfRelocation>(SHT_RELA);
 }
 
 template <class T>
@@ -51,7 +51,7 @@ const T* ElfFile::at(std::uintptr_t fileOffset, std::size_t count) const {
 template <class T>
 std::vector<T> ElfFile::entriesOf(unsigned int sectionType) const {
     std::vector<T> entries;
-    for (const ElfW(Shdr)& section : mySections) {
+    for (const ElfSection& section : mySections) {
         if (section.sh_type != sectionType || !(section.sh_flags & SHF_ALLOC)) continue;
         const std::size_t count = section.sh_size / sizeof(T);
         const T* first = at<T>(section.sh_offset, count);
@@ -60,18 +60,18 @@ std::vector<T> ElfFile::entriesOf(unsigned int sectionType) const {
     return entries;
 }
 
-const char* ElfFile::linkedText(const ElfW(Shdr) & section, std::size_t offset) const {
-    const ElfW(Shdr)& texts = mySections.at(section.sh_link);
+const char* ElfFile::linkedText(const ElfSection& section, std::size_t offset) const {
+    const ElfSection& texts = mySections.at(section.sh_link);
     if (offset >= texts.sh_size) throw std::runtime_error("text beyond its table");
     return at<char>(texts.sh_offset + offset);
 }
 
 void ElfFile::readSymbols() {
-    for (const ElfW(Shdr)& section : mySections) {
+    for (const ElfSection& section : mySections) {
         if (section.sh_type != SHT_DYNSYM) continue;
-        const std::size_t count = section.sh_size / sizeof(ElfW(Sym));
-        const ElfW(Sym)* first = at<ElfW(Sym)>(section.sh_offset, count);
-        for (const ElfW(Sym)* symbol = first; symbol != first + count; ++symbol)
+        const std::size_t count = section.sh_size / sizeof(ElfSymbolEntry);
+        const ElfSymbolEntry* first = at<ElfSymbolEntry>(section.sh_offset, count);
+        for (const ElfSymbolEntry* symbol = first; symbol != first + count; ++symbol)
             mySymbols.push_back({linkedText(section, symbol->st_name), symbol->st_value, symbol->st_size,
                                  ELF64_ST_TYPE(symbol->st_info), symbol->st_shndx != SHN_UNDEF,
                                  symbol->st_shndx == SHN_ABS});
@@ -80,11 +80,11 @@ void ElfFile::readSymbols() {
 
 std::vector<std::string> ElfFile::dynamicTexts(ElfW(Sxword) tag) const {
     std::vector<std::string> texts;
-    for (const ElfW(Shdr)& section : mySections) {
+    for (const ElfSection& section : mySections) {
         if (section.sh_type != SHT_DYNAMIC) continue;
-        const std::size_t count = section.sh_size / sizeof(ElfW(Dyn));
-        const ElfW(Dyn)* first = at<ElfW(Dyn)>(section.sh_offset, count);
-        for (const ElfW(Dyn)* entry = first; entry != first + count; ++entry)
+        const std::size_t count = section.sh_size / sizeof(ElfDynamic);
+        const ElfDynamic* first = at<ElfDynamic>(section.sh_offset, count);
+        for (const ElfDynamic* entry = first; entry != first + count; ++entry)
             if (entry->d_tag == tag) texts.push_back(linkedText(section, entry->d_un.d_val));
     }
     return texts;
@@ -106,7 +106,7 @@ std::vector<std::string> ElfFile::runPaths() const {
 }
 
 bool ElfFile::isSymbolic() const {
-    for (const ElfW(Dyn) & entry : entriesOf<ElfW(Dyn)>(SHT_DYNAMIC))
+    for (const ElfDynamic& entry : entriesOf<ElfDynamic>(SHT_DYNAMIC))
         if (entry.d_tag == DT_SYMBOLIC || (entry.d_tag == DT_FLAGS && (entry.d_un.d_val & DF_SYMBOLIC)))
             return true;
     return false;
@@ -120,11 +120,12 @@ const ElfSymbol* ElfFile::find(const std::string& name) const {
 
 // The word that the file itself holds for an address in memory: 0 where it holds none.
 std::uintptr_t ElfFile::wordAt(std::uintptr_t address) const {
-    for (const ElfW(Shdr)& section : mySections) {
+    for (const ElfSection& section : mySections) {
         if (!(section.sh_flags & SHF_ALLOC) || section.sh_type == SHT_NOBITS) continue;
         if (address < section.sh_addr || address - section.sh_addr >= section.sh_size) continue;
         std::uintptr_t word;
-        std::memcpy(&word, at<char>(section.sh_offset + (address - section.sh_addr), sizeof word), sizeof word);
+        std::memcpy(&word, at<char>(section.sh_offset + (address - section.sh_addr), sizeof word),
+                    sizeof word);
         return word;
     }
     return 0;
@@ -139,9 +140,10 @@ std::vector<std::string> ElfFile::namesAt(std::uintptr_t address) const {
 
 std::vector<std::vector<std::string>> ElfFile::pointersOf(const ElfSymbol& object) const {
     std::vector<std::vector<std::string>> pointers;
-    for (std::uintptr_t place = object.address; place < object.address + object.size; place += sizeof(void*)) {
+    for (std::uintptr_t place = object.address; place < object.address + object.size;
+         place += sizeof(void*)) {
         const auto relocation = std::find_if(myRelocations.begin(), myRelocations.end(),
-                                             [&](const ElfW(Rela) & r) { return r.r_offset == place; });
+                                             [&](const ElfRelocation& r) { return r.r_offset == place; });
         if (relocation == myRelocations.end()) {
             const std::uintptr_t address = wordAt(place);
             pointers.push_back(address ? namesAt(address) : std::vector<std::string>());
@@ -158,7 +160,7 @@ std::vector<std::vector<std::string>> ElfFile::pointersOf(const ElfSymbol& objec
 
 std::vector<std::string> ElfFile::copiedVariables() const {
     std::vector<std::string> names;
-    for (const ElfW(Rela) & relocation : myRelocations)
+    for (const ElfRelocation& relocation : myRelocations)
         if (ELF64_R_TYPE(relocation.r_info) == kRelocationCopy)
             names.push_back(mySymbols.at(ELF64_R_SYM(relocation.r_info)).name);
     return names;

@@ -144,10 +144,10 @@ TEST(ClassSizes, stayWhatTheyAre) {
 #if defined(__LP64__) && defined(__GLIBCXX__)
     EXPECT_EQ(sizeof(NwList), 8u + 8u + 4u + 4u /*padding*/);
     EXPECT_EQ(sizeof(NwFilterTest), 8u + 4u + 4u /*padding*/ + sizeof(NwList));
-    EXPECT_EQ(sizeof(NwSocket), 8u + 2 * 4u + 48u /*map*/ + 3 * 4u + 4u /*padding*/ + 4 * 40u +
-                                    8u /*the bundle used last*/);
-    EXPECT_EQ(sizeof(NwNetSocket), sizeof(NwSocket) + 4 * 4u + 3 * 8u + 10 * 4u + 4u /*bool, padding*/ + 4 * 4u +
-                                       4u /*bool, padding*/ + 2 * 8u + 8u /*mode, padding*/ +
+    EXPECT_EQ(sizeof(NwSocket),
+              8u + 2 * 4u + 48u /*map*/ + 3 * 4u + 4u /*padding*/ + 4 * 40u + 8u /*the bundle used last*/);
+    EXPECT_EQ(sizeof(NwNetSocket), sizeof(NwSocket) + 4 * 4u + 3 * 8u + 10 * 4u + 4u /*bool, padding*/ +
+                                       4 * 4u + 4u /*bool, padding*/ + 2 * 8u + 8u /*mode, padding*/ +
                                        2 * 8u /*kept packets and their sender*/);
 #else
     GTEST_SKIP() << "counted for 64-bit machines and libstdc++";

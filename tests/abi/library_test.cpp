@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// The two shared libraries as files: their names, what they need, what they export, and what stays out of them.
+// The two shared libraries as files: their names, what they need, what they export, and what stays out of
+// them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,8 +17,8 @@ using testing::IsSubsetOf;
 
 namespace {
 
-// Where this build was made. With debug information, which users do not get, a build directory outside the source
-// tree may be named.
+// Where this build was made. With debug information, which users do not get, a build directory outside the
+// source tree may be named.
 #ifdef CVNC_DEBUG_INFORMATION
 const std::vector<std::string> kBuildPaths = {CVNC_SOURCE_DIR};
 #else
@@ -30,8 +31,8 @@ const bool kIsInstrumented = true;
 const bool kIsInstrumented = false;
 #endif
 
-const std::vector<std::string> kSystemLibraries = {"libstdc++.so.6", "libc++.so.1", "libgcc_s.so.1", "libc.so.6",
-                                                   "libm.so.6"};
+const std::vector<std::string> kSystemLibraries = {"libstdc++.so.6", "libc++.so.1", "libgcc_s.so.1",
+                                                   "libc.so.6", "libm.so.6"};
 
 // What the compiler's own switches add to a build that users do not get.
 bool isInstrumentation(const std::string& library) {
@@ -75,23 +76,25 @@ void expectExports(const char* library, const char* list) {
 
     const std::string difference =
         linesMissing(expected, exported, "- ") + linesMissing(exported, expected, "+ ");
-    EXPECT_EQ(difference, "") << library << " does not export what " << list
-                              << " says (- missing, + new). Programs that are already built need every name"
-                                 " there; when the change is meant: tests/abi/update.sh BUILD_DIRECTORY";
+    EXPECT_TRUE(difference.empty())
+        << library << " does not export what " << list << " says (- missing, + new):\n"
+        << difference << "Programs that are already built need every name there. When the change is meant: "
+        << "tests/abi/update.sh BUILD_DIRECTORY";
 }
 
 // Names that an application is meant to use: everything else that is exported is a leak.
 bool isPublicName(std::string line) {
     for (const char* prefix : {"vtable for ", "VTT for ", "typeinfo for ", "typeinfo name for ",
                                "virtual thunk to ", "non-virtual thunk to ", "version "})
-        if (line.compare(0, std::string(prefix).size(), prefix) == 0) line.erase(0, std::string(prefix).size());
+        if (line.compare(0, std::string(prefix).size(), prefix) == 0)
+            line.erase(0, std::string(prefix).size());
     const std::string construction = "construction vtable for ";
     if (line.compare(0, construction.size(), construction) == 0) {
         const std::size_t in = line.find("-in-");
         line.erase(0, in == std::string::npos ? 0 : in + 4);
     }
-    return line.compare(0, 2, "Nw") == 0 || line == "theMaxPacketSize  (size 4)" || line == "semid  (size 4)" ||
-           line == "CVNETWORKCOMPATIBILITY_54";
+    return line.compare(0, 2, "Nw") == 0 || line == "theMaxPacketSize  (size 4)" ||
+           line == "semid  (size 4)" || line == "CVNETWORKCOMPATIBILITY_54";
 }
 
 void expectOnlyPublicNames(const char* library) {
@@ -113,7 +116,8 @@ void expectNoBuildPath(const char* library) {
     const std::string bytes = bytesWithoutRunPaths(library);
     for (const std::string& path : kBuildPaths) {
         const std::size_t at = bytes.find(path);
-        EXPECT_EQ(at, std::string::npos) << library << " holds " << bytes.c_str() + std::min(at, bytes.size());
+        EXPECT_EQ(at, std::string::npos)
+            << library << " holds " << bytes.c_str() + std::min(at, bytes.size());
     }
 }
 

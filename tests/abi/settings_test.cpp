@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Exported settings that a program assigns directly. This program is linked at a fixed address, the way in which
-// it gets copies of the libraries' variables: the libraries must then use the program's copy, not their own.
+// Exported settings that a program assigns directly. This program is linked at a fixed address, the way in
+// which it gets copies of the libraries' variables: the libraries must then use the program's copy, not their
+// own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -30,10 +31,11 @@ private:
 // Without these copies the tests below would pass on any library.
 TEST(AssignedSetting, isACopyInThisProgram) {
     std::vector<std::string> names;
-    for (const std::string& name : ElfFile("/proc/self/exe").copiedVariables()) names.push_back(demangled(name));
-    for (const char* name :
-         {"theMaxPacketSize", "NwSocket::theAreQuietSockets", "NwNetSocket::initErrorAction",
-          "NwNetSocket::theMaxSendRetries", "NwNetSocket::theSendRetryPeriod", "NwNetworkByteOrderingSetting"})
+    for (const std::string& name : ElfFile("/proc/self/exe").copiedVariables())
+        names.push_back(demangled(name));
+    for (const char* name : {"theMaxPacketSize", "NwSocket::theAreQuietSockets",
+                             "NwNetSocket::initErrorAction", "NwNetSocket::theMaxSendRetries",
+                             "NwNetSocket::theSendRetryPeriod", "NwNetworkByteOrderingSetting"})
         EXPECT_THAT(names, testing::Contains(name));
 }
 

@@ -128,8 +128,8 @@ std::vector<Slot> slotsOf(const ClassSlots& aClass) {
     std::vector<Slot> slots;
     if (aClass.base) slots = slotsOf(*aClass.base);
     for (const std::string& operation : aClass.replaced) {
-        const auto slot = std::find_if(slots.begin(), slots.end(),
-                                       [&](const Slot& s) { return s.operation == operation; });
+        const auto slot =
+            std::find_if(slots.begin(), slots.end(), [&](const Slot& s) { return s.operation == operation; });
         if (slot == slots.end()) {
             ADD_FAILURE() << aClass.name << " cannot replace " << operation;
             continue;
@@ -164,8 +164,8 @@ bool isAbstract(const std::vector<Slot>& slots) {
 
 // Slot 1. "D1Ev" and "D2Ev" destroy, "D0Ev" also frees. No object is ever just of an abstract class, so that
 // some compilers leave both of its entries null.
-void expectDestructors(const std::string& name, bool ofAbstractClass, const std::vector<std::string>& destroying,
-                       const std::vector<std::string>& freeing) {
+void expectDestructors(const std::string& name, bool ofAbstractClass,
+                       const std::vector<std::string>& destroying, const std::vector<std::string>& freeing) {
     if (ofAbstractClass && destroying.empty() && freeing.empty()) return;
     const std::string destructor = name + "::~" + name + "()";
     EXPECT_THAT(demangledAll(destroying), testing::Contains(destructor)) << "slot 1";
