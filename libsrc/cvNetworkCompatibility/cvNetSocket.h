@@ -238,24 +238,24 @@ protected:
     unsigned char mode;                           // bits of the sides that are open
 
 private:
-    void init(int newPort, unsigned int addr, unsigned char newMode, unsigned int device);
-    void allocateBuffers();
-    bool haveBuffers() const;
-    int initSocket();
-    int initWrite(unsigned int addr);
-    int initRead(unsigned int addr);
-    void printReady(unsigned int addr) const;
-    bool isOwnPacket() const;
-    bool isInRecvBuffer(const char* place) const;
-    void warnOfHeader(int protocol, int exercise) const;
-    void refuseShortPacket();
-    void discardDatagram();
+    CVNC_LOCAL void init(int newPort, unsigned int addr, unsigned char newMode, unsigned int device);
+    CVNC_LOCAL void allocateBuffers();
+    CVNC_LOCAL bool haveBuffers() const;
+    CVNC_LOCAL int initSocket();
+    CVNC_LOCAL int initWrite(unsigned int addr);
+    CVNC_LOCAL int initRead(unsigned int addr);
+    CVNC_LOCAL void printReady(unsigned int addr) const;
+    CVNC_LOCAL bool isOwnPacket() const;
+    CVNC_LOCAL bool isInRecvBuffer(const char* place) const;
+    CVNC_LOCAL void warnOfHeader(int protocol, int exercise) const;
+    CVNC_LOCAL void refuseShortPacket();
+    CVNC_LOCAL void discardDatagram();
     template <bool direct>
-    int receive(char** buf, int* status);
+    CVNC_LOCAL int receive(char** buf, int* status);
     template <bool direct>
-    int nextPacket(char** buf);
+    CVNC_LOCAL int nextPacket(char** buf);
     template <bool direct>
-    void findPacket();
+    CVNC_LOCAL void findPacket();
 
     std::unique_ptr<char[]> keptPackets;     // packets that were pending when unbundling was switched off
     std::unique_ptr<sockaddr_in> keptSource; // and their sender
