@@ -20,7 +20,8 @@ double monotonicSeconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// For limits of 0 or more. Rounded up, so that a wait shorter than a microsecond is still a wait.
+// For limits of 0 or more, infinity included. Rounded up, so that a wait shorter than a microsecond is still
+// a wait.
 timeval timevalOf(double seconds) {
     if (seconds > kLongestWaitSeconds) seconds = kLongestWaitSeconds;
     const double whole = std::floor(seconds);
@@ -55,7 +56,6 @@ int NwSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, dou
         errno = EINVAL;
         return -1;
     }
-    if (std::isinf(seconds) && seconds > 0) return ::select(nfds, readSet, writeSet, exceptSet, nullptr);
     timeval limit = timevalOf(seconds > 0 ? seconds : 0);  // not a number compares as false: 0
     return ::select(nfds, readSet, writeSet, exceptSet, &limit);
 }

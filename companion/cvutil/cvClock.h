@@ -37,10 +37,10 @@ private:
 // sets then hold them), 0 when the time is over, -1 with errno set on failure. A signal ends the wait with -1
 // and EINTR; this is left to the caller, who alone knows whether to go on. Any of the sets may be null.
 //
-// `seconds`: 0, negative or not a number looks once and returns at once; positive infinity waits without
-// limit. What a microsecond cannot express is rounded up, so that a short wait is never a busy loop. Limits
-// beyond 2147483647 s count as that. `nfds` below 0 or above FD_SETSIZE is refused with -1 and EINVAL: a set
-// does not reach that far.
+// `seconds`: 0, negative or not a number looks once and returns at once. What a microsecond cannot express is
+// rounded up, so that a short wait is never a busy loop. Limits beyond 2147483647 s (68 years), infinity
+// among them, count as that. `nfds` below 0 or above FD_SETSIZE is refused with -1 and EINVAL: a set does not
+// reach that far.
 NWUTIL_API int NwSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, double seconds);
 
 // Sleeps for the whole time, however many signals arrive. 0, negative, infinite or not a number returns at

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -153,6 +154,16 @@ TEST(Select, secondsThatRoundUpToAWholeOneAreAValidLimit) {
     NwClock clock;
     EXPECT_EQ(pipe.select(0.9999999), 0);
     EXPECT_GE(clock.elapsedRealTime(), 0.9999999);
+}
+
+// A look alone never gives up the processor; a wait does, nearly every time.
+TEST(Select, shortestLimitWaitsAndDoesNotSpin) {
+    rusage before;
+    rusage after;
+    ::getrusage(RUSAGE_THREAD, &before);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(NwSelect(0, nullptr, nullptr, nullptr, 1e-12), 0);
+    ::getrusage(RUSAGE_THREAD, &after);
+    EXPECT_GT(after.ru_nvcsw, before.ru_nvcsw);
 }
 
 TEST(Select, limitsThatAreNoTimeLookOnce) {

@@ -94,6 +94,7 @@ TEST(ScopedLock, keepsIncrementsApart) {
     NwMutex mutex;
     int count = 0;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 10000; ++round) {

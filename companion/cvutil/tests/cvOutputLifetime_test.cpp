@@ -61,7 +61,7 @@ TEST(OutputLifetime, worksInTheFirstStaticConstructor) {
 TEST(OutputLifetime, worksInTheLastStaticDestructor) {
     const ChildResult result = runInChild([] {
         theDestructorPrints = true;
-        std::exit(0);
+        std::exit(0);  // NOLINT(concurrency-mt-unsafe): no other thread
     });
     EXPECT_EQ(result.errors, "last words\nand more\n");
     EXPECT_TRUE(result.exitedWith(0)) << result.status;

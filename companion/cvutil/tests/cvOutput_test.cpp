@@ -272,6 +272,7 @@ TEST_F(Output, oneTargetServesStreamsAndThreadsWithoutALockOfItsOwn) {
     const int kLines = 500;
     NwSetOutputLevel(NwOutputDebug);
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int id = 0; id < kThreads; ++id)
         threads.emplace_back([id] {
             NwOutputStream& stream = *ourStreams[id % 4];
@@ -374,6 +375,7 @@ TEST(OutputToStandardError, linesOfThreadsNeverMix) {
     const std::size_t kLongest = 9000;  // beyond what a pipe takes in one piece
     const ChildResult result = runInChild([&] {
         std::vector<std::thread> threads;
+        threads.reserve(8);
         for (int id = 0; id < 8; ++id) threads.emplace_back(printLines, id, 200, kLongest);
         for (std::thread& thread : threads) thread.join();
     });
@@ -726,7 +728,7 @@ TEST(Fatal, worksFromADestructorDuringUnwinding) {
 TEST(Fatal, worksDuringExit) {
     const ChildResult result = runInChild([] {
         std::atexit([] { NwFatalError("while exiting\n"); });
-        std::exit(0);
+        std::exit(0);  // NOLINT(concurrency-mt-unsafe): no other thread
     });
     EXPECT_EQ(result.errors, "while exiting\n");
     EXPECT_TRUE(result.exitedWith(1)) << result.status;
@@ -735,6 +737,7 @@ TEST(Fatal, worksDuringExit) {
 TEST(Fatal, manyThreadsAtOnceEndTheProcessOnce) {
     const ChildResult result = runInChild([] {
         std::vector<std::thread> threads;
+        threads.reserve(8);
         for (int i = 0; i < 8; ++i) threads.emplace_back([] { NwFatalError("end\n"); });
         for (std::thread& thread : threads) thread.join();
     });
