@@ -79,12 +79,17 @@ public:
 
 protected:
     NwTestOperator op;
-    NwList values;  // each value stands in its item's data pointer
 
 private:
     friend class NwSocket;
-    // What evalTest of this very class comes to, whatever the packet, in the state of a new test.
-    bool passesAll() const { return op == NwTestExclude && !values.first(); }
+    CVNC_LOCAL void noteChange();
+
+    // Whether this class's evalTest passes whatever comes, as in a new test; kept up by this class's
+    // operations. It lies where alignment left room, so that the other fields keep their places.
+    bool passesAll;
+
+protected:
+    NwList values;  // each value stands in its item's data pointer
 };
 
 // A socket: sends packets to IPv4 destinations and receives whole packets, one a call. The class decides
@@ -215,10 +220,12 @@ protected:
     // Adds one to packetsReceived; past INT_MAX it goes on at INT_MIN instead of overflowing.
     void countPacket() { packetsReceived = static_cast<int>(static_cast<unsigned int>(packetsReceived) + 1u); }
 
-    // Whether accept lets every packet through, for a socket that overrides neither it nor the accessors.
+    // What accept comes to on a socket that overrides neither it nor the accessors; and a glance that is
+    // enough while all tests are as they were made.
+    CVNC_LOCAL bool ownTestsAccept(char* pdu, unsigned int srcAddr);
     bool ownTestsPassAll() const {
-        return protocolVersionTest.passesAll() && exerciseIdTest.passesAll() && pduKindTest.passesAll() &&
-               ipAddrTest.passesAll();
+        return protocolVersionTest.passesAll && exerciseIdTest.passesAll && pduKindTest.passesAll &&
+               ipAddrTest.passesAll;
     }
 
     int blocking;         // 1 while the descriptor is in blocking mode
@@ -234,6 +241,7 @@ protected:
 
 private:
     CVNC_LOCAL int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
+    CVNC_LOCAL int placeInBundle(char* buf, unsigned long len, unsigned int destAddr);
     CVNC_LOCAL std::vector<char>& bundleOf(NwIpv4Addr destAddr);
 
     // The bundle that NwSend used last: most senders have one destination.
