@@ -34,6 +34,16 @@ extern "C" __attribute__((visibility("default"))) int socket(int domain, int typ
     return -1;
 }
 
+static int refusedOption = -1;  // of SOL_SOCKET
+
+extern "C" __attribute__((visibility("default"))) int setsockopt(int fd, int level, int name, const void* value,
+                                                                  socklen_t size) noexcept {
+    if (level != SOL_SOCKET || name != refusedOption)
+        return static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, size));
+    errno = EPERM;
+    return -1;
+}
+
 namespace {
 
 const NwIpv4Addr kNobodysAddress = 0xC0000201u;  // 192.0.2.1, an address of documentation
@@ -143,6 +153,15 @@ public:
     ~NoMoreDescriptors() { descriptorsAreUsedUp = false; }
     NoMoreDescriptors(const NoMoreDescriptors&) = delete;
     NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
+};
+
+// While it lives, the system refuses one socket option.
+class Refused {
+public:
+    explicit Refused(int name) { refusedOption = name; }
+    ~Refused() { refusedOption = -1; }
+    Refused(const Refused&) = delete;
+    Refused& operator=(const Refused&) = delete;
 };
 
 std::string number(int value) {
@@ -1025,6 +1044,48 @@ TEST_F(UdpSetup, makeReusableReportsTheSecondOptionOnlyWhileQuiet) {
     Quiet quiet;
     EXPECT_EQ(NwNetSocket::makeReusable(-1), 0);
     EXPECT_EQ(messages.warn(), systemReport("Couldn't set SO_REUSEADDR option", EBADF));
+    EXPECT_EQ(messages.all(), "");
+}
+
+TEST_F(UdpSetup, makeReusableSetsEachOptionWhateverBecomesOfTheOther) {
+    for (bool quiet : {false, true}) {
+        NwSocket::setQuietSockets(quiet);
+        {
+            const Descriptor fd(::socket(AF_INET, SOCK_DGRAM, 0));
+            Refused onePort(SO_REUSEPORT);
+            EXPECT_EQ(NwNetSocket::makeReusable(fd), 0);
+            EXPECT_EQ(option(fd, SO_REUSEADDR), 1);
+            EXPECT_EQ(messages.warn(), quiet ? "" : systemReport("Couldn't set SO_REUSEPORT option", EPERM));
+        }
+        const Descriptor fd(::socket(AF_INET, SOCK_DGRAM, 0));
+        Refused oneAddress(SO_REUSEADDR);
+        EXPECT_EQ(NwNetSocket::makeReusable(fd), 0);
+        EXPECT_EQ(option(fd, SO_REUSEPORT), 1);
+        EXPECT_EQ(messages.warn(), quiet ? systemReport("Couldn't set SO_REUSEADDR option", EPERM) : "");
+    }
+    NwSocket::setQuietSockets(false);
+}
+
+TEST_F(UdpSetup, portThatCannotBeSharedIsOpenedAllTheSame) {
+    Refused one(SO_REUSEPORT);
+    Probe socket(port, kLoopback, mode(3), kLoopback);
+    EXPECT_EQ(messages.warn(), systemReport("Couldn't set SO_REUSEPORT option", EPERM));
+    EXPECT_TRUE(socket.isOk());
+    EXPECT_EQ(messages.info(), writeLine("127.0.0.1"));
+}
+
+TEST_F(UdpSetup, writeSideNeedsTheBroadcastOption) {
+    Refused one(SO_BROADCAST);
+    Probe socket(port, kLoopback, mode(3), kLoopback);
+    EXPECT_EQ(messages.warn(), systemReport("Couldn't set SO_BROADCAST option", EPERM));
+    EXPECT_EQ(messages.info(), "");
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(socket.mode, 1);
+    EXPECT_EQ(socket.destAddr, kLoopback);
+    EXPECT_TRUE(same(*socket.destSockAddr, address(kLoopback, port))) << "filled before the option is tried";
+    Quiet quiet;
+    Probe silent(port, kLoopback, mode(2), kLoopback);
+    EXPECT_FALSE(silent.isOk());
     EXPECT_EQ(messages.all(), "");
 }
 
