@@ -61,11 +61,7 @@ bool setNonBlocking(int fd) {
     return false;
 }
 
-// The path of a packet that meets no trouble is laid out in a row: reports stand apart, and conditions that
-// seldom hold are marked so.
-inline bool seldom(bool condition) {
-    return __builtin_expect(condition, false);
-}
+// Reports stand apart from the path of a packet that meets no trouble.
 
 // Reports through NwWarnNetPerror unless sockets are quiet. Always 0, the result of a step that failed.
 [[gnu::cold, gnu::noinline]] int failed(const char* what) {
@@ -266,31 +262,18 @@ void NwNetSocket::setInetAddr(sockaddr_in& sa, unsigned long addr, int newPort) 
 
 int NwNetSocket::sendTo(char* buf, unsigned long len, unsigned int addr) {
     if (addr == NwUSE_DEFAULT_IP_ADDR) addr = destAddr;
-    if (seldom(!(mode & NwNetSocketWrite))) {
+    if (!(mode & NwNetSocketWrite)) {
         warn("NetSocket not initialized for sending\n");
         return -1;
     }
-    if (seldom(len == 0)) return 0;
+    if (len == 0) return 0;
 
-    // What a repetition would need lies beside the address: cheaper than keeping it in registers.
-    struct {
-        NwNetSocket* socket;
-        char* buf;
-        unsigned long len;
-        sockaddr_in to;
-    } datagram;
-    datagram.socket = this;
-    datagram.buf = buf;
-    datagram.len = len;
+    sockaddr_in to;
     const int otherPort = nwSetting(sendPort);
-    setInetAddr(datagram.to, addr, otherPort != -1 ? otherPort : port);
-    int result = static_cast<int>(
-        ::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&datagram.to), sizeof datagram.to));
-    if (seldom(result == -1)) {
-        if (nwSetting(theMaxSendRetries) != 0)
-            result = datagram.socket->retrySendTo(datagram.buf, datagram.len, datagram.to);
-        if (result == -1) failed("NetSocket::sendTo");
-    }
+    setInetAddr(to, addr, otherPort != -1 ? otherPort : port);
+    int result = static_cast<int>(::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
+    if (result == -1 && nwSetting(theMaxSendRetries) != 0) result = retrySendTo(buf, len, to);
+    if (result == -1) failed("NetSocket::sendTo");
     return result;
 }
 
@@ -394,8 +377,7 @@ void NwNetSocket::enableDisHeaderTest(bool on) {
 //
 // Each step calls the next through the virtual table, so that a derived class may replace any of them. For an
 // object of just this class the table's answers are known: the `direct` forms are the same steps with these
-// answers filled in, which the compiler lays into one piece (half the instructions for a packet). The steps
-// stand in the order in which they are called, the last one first, as inlining needs it.
+// answers filled in, which the compiler lays into one piece (half the instructions for a packet).
 
 namespace {
 
@@ -406,7 +388,50 @@ bool isOfNoDerivedClass(const NwNetSocket& socket) {
 
 }  // namespace
 
-[[gnu::always_inline]] inline int NwNetSocket::readDatagram(char** buf) {
+[[gnu::flatten]] int NwNetSocket::NwRecv(char** buf, int* status) {
+    const int length = isOfNoDerivedClass(*this) ? receive<true>(buf, status) : recvWithStatus(buf, status);
+    const bool isLater = length > 0 && *buf != recvBuffer.get();
+    if (isLater && length <= bufferSize) {
+        std::memcpy(copyBuffer.get(), *buf, static_cast<std::size_t>(length));
+        *buf = copyBuffer.get();
+    }
+    return length;
+}
+
+int NwNetSocket::NwRecv(char* buf, unsigned long len) {
+    char* packet = nullptr;
+    const int length =
+        isOfNoDerivedClass(*this) ? receive<true>(&packet, nullptr) : recvWithStatus(&packet, nullptr);
+    if (length > 0 && len > 0) std::memcpy(buf, packet, NwMin(static_cast<unsigned long>(length), len));
+    return length;
+}
+
+int NwNetSocket::recvWithStatus(char** buf, int* status) {
+    return receive<false>(buf, status);
+}
+
+template <bool direct>
+int NwNetSocket::receive(char** buf, int* status) {
+    int length;
+    if (unbundling)
+        length = direct ? nextPacket<true>(buf) : recvWithUnbundling(buf);
+    else
+        length = direct ? NwNetSocket::recvFromNet(buf) : recvFromNet(buf);
+
+    int code = 1;
+    if (length == kOwnPacket) {
+        code = kOwnPacket;
+    } else if (length == 0) {
+        code = 0;
+    } else if (!(direct && ownTestsPassAll()) && !accept(*buf, lastSourceInetAddr())) {
+        code = -2;
+        *buf = nullptr;
+    }
+    if (status) *status = code;
+    return code == 1 ? length : 0;
+}
+
+int NwNetSocket::recvFromNet(char** buf) {
     if (!(mode & NwNetSocketRead)) {
         warn("NetSocket not initialized for receiving\n");
         *buf = nullptr;
@@ -420,32 +445,18 @@ bool isOfNoDerivedClass(const NwNetSocket& socket) {
     socklen_t addressSize = sizeof *sourceSockAddr;
     const int length = static_cast<int>(::recvfrom(socketFd, recvBuffer.get(), static_cast<std::size_t>(max0(bufferSize)), 0,
                                                    reinterpret_cast<sockaddr*>(sourceSockAddr.get()), &addressSize));
-    if (seldom(length <= 0)) return length < 0 ? noteReadError(buf) : noteEmptyDatagram(buf, addressSize);
-    return noteDatagram(buf, length, addressSize);
-}
-
-[[gnu::always_inline]] inline int NwNetSocket::noteDatagram(char** buf, int length, unsigned int addressSize) {
+    if (length < 0) {
+        if (blocking || errno != EAGAIN) failed("Network read error");
+        *buf = nullptr;
+        return 0;
+    }
     std::memset(recvBuffer.get() + length, 0, kSlack);
-    if (seldom(addressSize == 0) || seldom(sourceSockAddr->sin_family != AF_INET)) *sourceSockAddr = sockaddr_in();
-    if (seldom(filterPort != -1) && isOwnPacket()) return kOwnPacket;
+    if (addressSize == 0 || sourceSockAddr->sin_family != AF_INET) *sourceSockAddr = sockaddr_in();
+    if (length == 0) warn("0 bytes read from net\n");
+    if (filterPort != -1 && isOwnPacket()) return kOwnPacket;
     *buf = recvBuffer.get();
     countPacket();
     return length;
-}
-
-[[gnu::cold, gnu::noinline]] int NwNetSocket::noteEmptyDatagram(char** buf, unsigned int addressSize) {
-    warn("0 bytes read from net\n");
-    return noteDatagram(buf, 0, addressSize);
-}
-
-[[gnu::cold, gnu::noinline]] int NwNetSocket::noteReadError(char** buf) {
-    if (blocking || errno != EAGAIN) failed("Network read error");
-    *buf = nullptr;
-    return 0;
-}
-
-int NwNetSocket::recvFromNet(char** buf) {
-    return readDatagram(buf);
 }
 
 bool NwNetSocket::isOwnPacket() const {
@@ -458,8 +469,40 @@ NwIpv4Addr NwNetSocket::lastSourceInetAddr() {
 
 // --- unbundling ------------------------------------------------------------------------------------------
 
+int NwNetSocket::recvWithUnbundling(char** buf) {
+    return nextPacket<false>(buf);
+}
+
 template <bool direct>
-[[gnu::always_inline]] inline bool NwNetSocket::findPacket() {
+int NwNetSocket::nextPacket(char** buf) {
+    direct ? findPacket<true>() : findNextPacket();
+    if (!bundleCursor) {
+        *buf = nullptr;
+        return 0;
+    }
+    *buf = bundleCursor;
+    const unsigned int left = static_cast<unsigned int>(bytesLeftInBundle);
+    unsigned int size;
+    if (testDisHeader_)
+        size = direct ? NwNetSocket::currentHeaderMatchesFirstInBundle() : currentHeaderMatchesFirstInBundle();
+    else
+        size = direct ? NwNetSocket::getNextPacketSize() : getNextPacketSize();
+    if (size == 0 || size >= left) {
+        // The last packet; or, on purpose, all that remains of what is not a clean bundle, as one packet.
+        discardDatagram();
+        return static_cast<int>(left);
+    }
+    bytesLeftInBundle -= static_cast<int>(size);
+    bundleCursor += size;
+    return static_cast<int>(size);
+}
+
+void NwNetSocket::findNextPacket() {
+    findPacket<false>();
+}
+
+template <bool direct>
+void NwNetSocket::findPacket() {
     for (;;) {
         if (bundleCursor) {
             firstInBundle = 0;
@@ -468,25 +511,20 @@ template <bool direct>
                 keptSource.reset();
             }
         } else {
-            bytesLeftInBundle = direct ? readDatagram(&bundleCursor) : recvFromNet(&bundleCursor);
+            bytesLeftInBundle = direct ? NwNetSocket::recvFromNet(&bundleCursor) : recvFromNet(&bundleCursor);
             if (bytesLeftInBundle <= 0) {  // nothing, an empty datagram, or an own one: no cursor stays behind
                 bundleCursor = nullptr;
-                if (bytesLeftInBundle != 0) firstInBundle = 1;
-                return false;
+                return;
             }
             firstInBundle = 1;
         }
-        if (bytesLeftInBundle >= minPacketSize_) return true;
+        if (bytesLeftInBundle >= minPacketSize_) return;
 
         refuseShortPacket();
     }
 }
 
-void NwNetSocket::findNextPacket() {
-    findPacket<false>();
-}
-
-[[gnu::cold, gnu::noinline]] void NwNetSocket::refuseShortPacket() {
+[[gnu::cold]] void NwNetSocket::refuseShortPacket() {
     if (!isQuiet())
         NwWarn("NwNetSocket: %sproblem: packet size less than %d bytes\n", firstInBundle ? "" : "unbundling ",
                minPacketSize_);
@@ -504,8 +542,8 @@ unsigned int NwNetSocket::getNextPacketSize() {
     return nwPacketLength(bundleCursor, bytesLeftInBundle, sizeOffset_, sizeLength_);
 }
 
-// Of the packet at the cursor, which is there.
-[[gnu::always_inline]] inline unsigned int NwNetSocket::lengthIfHeaderMatches() {
+unsigned int NwNetSocket::currentHeaderMatchesFirstInBundle() {
+    if (!bundleCursor) return 0;
     const int protocol = static_cast<unsigned char>(bundleCursor[kDisVersionOffset]);
     const int exercise = static_cast<unsigned char>(bundleCursor[kDisExerciseOffset]);
     if (firstInBundle) {
@@ -518,101 +556,12 @@ unsigned int NwNetSocket::getNextPacketSize() {
     return nwPacketLength(bundleCursor, bytesLeftInBundle, kDisLengthOffset, kDisLengthWidth);
 }
 
-unsigned int NwNetSocket::currentHeaderMatchesFirstInBundle() {
-    return bundleCursor ? lengthIfHeaderMatches() : 0;
-}
-
-[[gnu::cold, gnu::noinline]] void NwNetSocket::warnOfHeader(int protocol, int exercise) const {
+[[gnu::cold]] void NwNetSocket::warnOfHeader(int protocol, int exercise) const {
     if (!isQuiet())
         NwWarn("Unbundling warning: PDU header not similar to first                 in bundle\n"
                "    (Protocol,exercise) = (%d,%d) when expecting (%d,%d)\n",
                protocol, exercise, bundleProtocol, bundleExercise);
 }
-
-template <bool direct>
-[[gnu::always_inline]] inline int NwNetSocket::nextPacket(char** buf) {
-    bool found;
-    if (direct) {
-        found = findPacket<true>();
-    } else {
-        findNextPacket();
-        found = bundleCursor != nullptr;
-    }
-    if (!found) {
-        *buf = nullptr;
-        return 0;
-    }
-    *buf = bundleCursor;
-    const unsigned int left = static_cast<unsigned int>(bytesLeftInBundle);
-    unsigned int size;
-    if (testDisHeader_)
-        size = direct ? lengthIfHeaderMatches() : currentHeaderMatchesFirstInBundle();
-    else
-        size = direct ? NwNetSocket::getNextPacketSize() : getNextPacketSize();
-    if (size == 0 || size >= left) {
-        // The last packet; or, on purpose, all that remains of what is not a clean bundle, as one packet.
-        discardDatagram();
-        return static_cast<int>(left);
-    }
-    bytesLeftInBundle -= static_cast<int>(size);
-    bundleCursor += size;
-    return static_cast<int>(size);
-}
-
-int NwNetSocket::recvWithUnbundling(char** buf) {
-    return nextPacket<false>(buf);
-}
-
-// --- delivering ------------------------------------------------------------------------------------------
-
-template <bool direct>
-[[gnu::always_inline]] inline int NwNetSocket::receive(char** buf, int* status) {
-    int length;
-    if (unbundling)
-        length = direct ? nextPacket<true>(buf) : recvWithUnbundling(buf);
-    else
-        length = direct ? NwNetSocket::recvFromNet(buf) : recvFromNet(buf);
-
-    int code = 1;
-    if (direct ? length <= 0 : length == 0 || length == kOwnPacket) {
-        code = length;  // 0 or kOwnPacket
-    } else if (!(direct ? ownTestsPassAll() || ownTestsAccept(*buf, NwNetSocket::lastSourceInetAddr())
-                        : accept(*buf, lastSourceInetAddr()))) {
-        code = -2;
-        *buf = nullptr;
-    }
-    if (status) *status = code;
-    return code == 1 ? length : 0;
-}
-
-int NwNetSocket::recvWithStatus(char** buf, int* status) {
-    return receive<false>(buf, status);
-}
-
-int NwNetSocket::NwRecv(char** buf, int* status) {
-    if (seldom(!isOfNoDerivedClass(*this))) return atStartOfBuffer(buf, recvWithStatus(buf, status));
-    return atStartOfBuffer(buf, receive<true>(buf, status));
-}
-
-// A later packet of a bundle is lent from the copy buffer.
-[[gnu::always_inline]] inline int NwNetSocket::atStartOfBuffer(char** buf, int length) {
-    const bool isLater = length > 0 && *buf != recvBuffer.get();
-    if (isLater && length <= bufferSize) {
-        std::memcpy(copyBuffer.get(), *buf, static_cast<std::size_t>(length));
-        *buf = copyBuffer.get();
-    }
-    return length;
-}
-
-int NwNetSocket::NwRecv(char* buf, unsigned long len) {
-    char* packet = nullptr;
-    const int length =
-        isOfNoDerivedClass(*this) ? receive<true>(&packet, nullptr) : recvWithStatus(&packet, nullptr);
-    if (length > 0 && len > 0) std::memcpy(buf, packet, NwMin(static_cast<unsigned long>(length), len));
-    return length;
-}
-
-// --- packets that wait -----------------------------------------------------------------------------------
 
 bool NwNetSocket::dataLeftInCurrentBundle() {
     return bundleCursor != nullptr;
@@ -624,7 +573,7 @@ bool NwNetSocket::isInRecvBuffer(const char* place) const {
     return !before(place, recvBuffer.get()) && before(place, end);
 }
 
-[[gnu::cold, gnu::noinline]] bool NwNetSocket::keepPendingPackets() {
+[[gnu::cold]] bool NwNetSocket::keepPendingPackets() {
     if (!bundleCursor || keptSource) return true;
     std::unique_ptr<sockaddr_in> source(new (std::nothrow) sockaddr_in(*sourceSockAddr));
     if (!source) return false;

@@ -255,13 +255,7 @@ private:
     template <bool direct>
     CVNC_LOCAL int nextPacket(char** buf);
     template <bool direct>
-    CVNC_LOCAL bool findPacket();
-    CVNC_LOCAL unsigned int lengthIfHeaderMatches();
-    CVNC_LOCAL int readDatagram(char** buf);
-    CVNC_LOCAL int noteDatagram(char** buf, int length, unsigned int addressSize);
-    CVNC_LOCAL int noteEmptyDatagram(char** buf, unsigned int addressSize);
-    CVNC_LOCAL int noteReadError(char** buf);
-    CVNC_LOCAL int atStartOfBuffer(char** buf, int length);
+    CVNC_LOCAL void findPacket();
 
     std::unique_ptr<char[]> keptPackets;     // packets that were pending when unbundling was switched off
     std::unique_ptr<sockaddr_in> keptSource; // and their sender

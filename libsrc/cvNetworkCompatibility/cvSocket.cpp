@@ -6,9 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <climits>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -78,7 +76,7 @@ unsigned int fieldValue(const char* field, NwFilterType type) {
 
 }  // namespace
 
-NwFilterTest::NwFilterTest() : op(NwTestExclude), passesAll(true) {
+NwFilterTest::NwFilterTest() : op(NwTestExclude) {
     disableTest();
 }
 
@@ -91,7 +89,6 @@ void NwFilterTest::disableTest() {
 void NwFilterTest::setOperator(NwTestOperator newOperator) {
     clearList();  // meant: a change of operator always starts from an empty list
     op = newOperator;
-    noteChange();
 }
 
 void NwFilterTest::setTest(NwTestOperator newOperator, int count, unsigned int* newValues) {
@@ -101,14 +98,12 @@ void NwFilterTest::setTest(NwTestOperator newOperator, int count, unsigned int* 
 
 void NwFilterTest::extendTest(int count, unsigned int* newValues) {
     for (int i = 0; i < count; ++i) values.add(asItemData(newValues[i]));
-    noteChange();
 }
 
 void NwFilterTest::reduceTest(int count, unsigned int* oldValues) {
     for (int i = 0; i < count; ++i) {
         if (NwListItem* item = findValue(values, oldValues[i])) values.remove(item);
     }
-    noteChange();
 }
 
 bool NwFilterTest::evalTest(char* pkt, int offset, NwFilterType type) {
@@ -123,11 +118,6 @@ void NwFilterTest::clearList() {
         values.remove(item);
         item = following;
     }
-    noteChange();
-}
-
-void NwFilterTest::noteChange() {
-    passesAll = op == NwTestExclude && !values.first();
 }
 
 // --- sockets ---------------------------------------------------------------------------------------------
@@ -138,7 +128,7 @@ NwSocket::NwSocket()
 NwSocket::~NwSocket() = default;
 
 // The bundle of a destination, with room for the largest one: reserved once, then cleared and filled again.
-std::vector<char>& NwSocket::bundleOf(NwIpv4Addr destAddr) {
+inline std::vector<char>& NwSocket::bundleOf(NwIpv4Addr destAddr) {
     if (!lastBundle || lastBundle->first != destAddr)
         lastBundle = &*bundles.emplace(destAddr, std::vector<char>()).first;
     const int largest = NwMaxPacketSize();
@@ -150,24 +140,7 @@ int NwSocket::NwSend(char* buf, unsigned long len, unsigned int destAddr) {
     return bundling ? sendBundled(buf, len, destAddr) : sendTo(buf, len, destAddr);
 }
 
-// A short way for what most packets do: one more for the destination of the last one, and there is room
-// beside what waits there. (A length that turns negative here finds no room.)
-[[gnu::noinline]] int NwSocket::sendBundled(char* buf, unsigned long len, unsigned int destAddr) {
-    if (!lastBundle || lastBundle->first != destAddr || static_cast<long>(len) >= bundleSize)
-        return placeInBundle(buf, len, destAddr);
-    std::vector<char>& bundle = lastBundle->second;
-    const char* used = bundle.data() + bundle.size();
-    const char* reserved = bundle.data() + bundle.capacity();
-    if (len > static_cast<std::size_t>(reserved - used) ||
-        bundle.size() > static_cast<unsigned int>(bundleSize) - len ||
-        static_cast<long>(bundle.capacity()) < NwMaxPacketSize())
-        return placeInBundle(buf, len, destAddr);
-    bundle.insert(bundle.end(), buf, buf + len);
-    return 0;
-}
-
-// Every case. (Written without insert, so that the one above is laid into its function.)
-[[gnu::noinline]] int NwSocket::placeInBundle(char* buf, unsigned long len, unsigned int destAddr) try {
+int NwSocket::sendBundled(char* buf, unsigned long len, unsigned int destAddr) try {
     std::vector<char>& bundle = bundleOf(destAddr);  // also for a packet that will be sent directly: meant
     long flushed = 0;
     // A negative size converts to one that nothing exceeds; the test below then sends each packet by itself.
@@ -176,9 +149,7 @@ int NwSocket::NwSend(char* buf, unsigned long len, unsigned int destAddr) {
     if (!fits && !bundle.empty() && flush(flushed) == -1) return -1;
 
     if (len <= INT_MAX && static_cast<int>(len) < bundleSize) {
-        const std::size_t used = bundle.size();
-        bundle.resize(used + len);
-        std::copy(buf, buf + len, bundle.begin() + static_cast<std::ptrdiff_t>(used));
+        bundle.insert(bundle.end(), buf, buf + len);
         return static_cast<int>(flushed);
     }
     return sendTo(buf, len, destAddr);
@@ -288,12 +259,4 @@ bool NwSocket::accept(char* pdu, unsigned int srcAddr) {
            exerciseId().evalTest(pdu, kDisExerciseOffset, NwFilterByte) &&
            pduKind().evalTest(pdu, kDisTypeOffset, NwFilterByte) &&
            ipAddr().evalTest(reinterpret_cast<char*>(&srcAddr), 0, NwFilterInt32);
-}
-
-// The same where it is known what the virtual table would say.
-bool NwSocket::ownTestsAccept(char* pdu, unsigned int srcAddr) {
-    return protocolVersionTest.NwFilterTest::evalTest(pdu, kDisVersionOffset, NwFilterByte) &&
-           exerciseIdTest.NwFilterTest::evalTest(pdu, kDisExerciseOffset, NwFilterByte) &&
-           pduKindTest.NwFilterTest::evalTest(pdu, kDisTypeOffset, NwFilterByte) &&
-           ipAddrTest.NwFilterTest::evalTest(reinterpret_cast<char*>(&srcAddr), 0, NwFilterInt32);
 }

@@ -79,17 +79,12 @@ public:
 
 protected:
     NwTestOperator op;
+    NwList values;  // each value stands in its item's data pointer
 
 private:
     friend class NwSocket;
-    CVNC_LOCAL void noteChange();
-
-    // Whether this class's evalTest passes whatever comes, as in a new test; kept up by this class's
-    // operations. It lies where alignment left room, so that the other fields keep their places.
-    bool passesAll;
-
-protected:
-    NwList values;  // each value stands in its item's data pointer
+    // The state of a new test, in which evalTest of this very class lets everything pass.
+    bool excludesNothing() const { return op == NwTestExclude && !values.first(); }
 };
 
 // A socket: sends packets to IPv4 destinations and receives whole packets, one a call. The class decides
@@ -132,7 +127,8 @@ public:
     virtual int NwSend(char* buf, unsigned long len, unsigned int destAddr);
 
     // The transport: sends one datagram or message now. Returns the bytes sent, 0 when nothing was sent, a
-    // negative value on failure. An implementer reports its own errors; buf is the caller's.
+    // negative value on failure. An implementer reports its own errors; buf is the caller's, or during a
+    // flush the bundle itself: do not call NwSend from here.
     virtual int sendTo(char* buf, unsigned long len, unsigned int destAddr) = 0;
 
     // Receives one packet and points *buf at it: storage of the socket, lent until the next receive on this
@@ -220,17 +216,15 @@ protected:
     // Adds one to packetsReceived; past INT_MAX it goes on at INT_MIN instead of overflowing.
     void countPacket() { packetsReceived = static_cast<int>(static_cast<unsigned int>(packetsReceived) + 1u); }
 
-    // What accept comes to on a socket that overrides neither it nor the accessors; and a glance that is
-    // enough while all tests are as they were made.
-    CVNC_LOCAL bool ownTestsAccept(char* pdu, unsigned int srcAddr);
+    // Whether accept lets every packet through, for a socket that overrides neither it nor the accessors.
     bool ownTestsPassAll() const {
-        return protocolVersionTest.passesAll && exerciseIdTest.passesAll && pduKindTest.passesAll &&
-               ipAddrTest.passesAll;
+        return protocolVersionTest.excludesNothing() && exerciseIdTest.excludesNothing() &&
+               pduKindTest.excludesNothing() && ipAddrTest.excludesNothing();
     }
 
     int blocking;         // 1 while the descriptor is in blocking mode
     int packetsReceived;  // for NwReportPktsRcvd
-    BundleMap bundles;    // entries are cleared, never removed
+    BundleMap bundles;    // entries are cleared, never removed (lastBundle points at one)
     int bundling;         // 1 while bundling is on
     int bundleSize;       // bytes; 0 while bundling is off
     int socketFd;         // -1 until a derived class opens it
@@ -241,7 +235,6 @@ protected:
 
 private:
     CVNC_LOCAL int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
-    CVNC_LOCAL int placeInBundle(char* buf, unsigned long len, unsigned int destAddr);
     CVNC_LOCAL std::vector<char>& bundleOf(NwIpv4Addr destAddr);
 
     // The bundle that NwSend used last: most senders have one destination.
