@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "messages.h"
@@ -214,8 +215,14 @@ public:
     int failures = 0;
 };
 
+struct SocketNames {
+    template <class Socket>
+    static std::string GetName(int) {
+        return std::is_same<Socket, NwNetSocket>::value ? "itself" : "derived";
+    }
+};
 using Sockets = testing::Types<NwNetSocket, Derived>;
-TYPED_TEST_SUITE(Traffic, Sockets);
+TYPED_TEST_SUITE(Traffic, Sockets, SocketNames);
 
 }  // namespace
 
