@@ -475,8 +475,8 @@ int NwNetSocket::recvWithUnbundling(char** buf) {
 
 template <bool direct>
 int NwNetSocket::nextPacket(char** buf) {
-    direct ? findPacket<true>() : findNextPacket();
-    if (!bundleCursor) {
+    const bool found = direct ? findPacket<true>() : (findNextPacket(), bundleCursor != nullptr);
+    if (!found) {
         *buf = nullptr;
         return 0;
     }
@@ -502,7 +502,7 @@ void NwNetSocket::findNextPacket() {
 }
 
 template <bool direct>
-void NwNetSocket::findPacket() {
+bool NwNetSocket::findPacket() {
     for (;;) {
         if (bundleCursor) {
             firstInBundle = 0;
@@ -514,17 +514,17 @@ void NwNetSocket::findPacket() {
             bytesLeftInBundle = direct ? NwNetSocket::recvFromNet(&bundleCursor) : recvFromNet(&bundleCursor);
             if (bytesLeftInBundle <= 0) {  // nothing, an empty datagram, or an own one: no cursor stays behind
                 bundleCursor = nullptr;
-                return;
+                return false;
             }
             firstInBundle = 1;
         }
-        if (bytesLeftInBundle >= minPacketSize_) return;
+        if (bytesLeftInBundle >= minPacketSize_) return true;
 
         refuseShortPacket();
     }
 }
 
-[[gnu::cold]] void NwNetSocket::refuseShortPacket() {
+[[gnu::cold, gnu::noinline]] void NwNetSocket::refuseShortPacket() {
     if (!isQuiet())
         NwWarn("NwNetSocket: %sproblem: packet size less than %d bytes\n", firstInBundle ? "" : "unbundling ",
                minPacketSize_);
@@ -556,7 +556,7 @@ unsigned int NwNetSocket::currentHeaderMatchesFirstInBundle() {
     return nwPacketLength(bundleCursor, bytesLeftInBundle, kDisLengthOffset, kDisLengthWidth);
 }
 
-[[gnu::cold]] void NwNetSocket::warnOfHeader(int protocol, int exercise) const {
+[[gnu::cold, gnu::noinline]] void NwNetSocket::warnOfHeader(int protocol, int exercise) const {
     if (!isQuiet())
         NwWarn("Unbundling warning: PDU header not similar to first                 in bundle\n"
                "    (Protocol,exercise) = (%d,%d) when expecting (%d,%d)\n",
@@ -573,7 +573,7 @@ bool NwNetSocket::isInRecvBuffer(const char* place) const {
     return !before(place, recvBuffer.get()) && before(place, end);
 }
 
-[[gnu::cold]] bool NwNetSocket::keepPendingPackets() {
+[[gnu::cold, gnu::noinline]] bool NwNetSocket::keepPendingPackets() {
     if (!bundleCursor || keptSource) return true;
     std::unique_ptr<sockaddr_in> source(new (std::nothrow) sockaddr_in(*sourceSockAddr));
     if (!source) return false;

@@ -255,7 +255,7 @@ private:
     template <bool direct>
     CVNC_LOCAL int nextPacket(char** buf);
     template <bool direct>
-    CVNC_LOCAL void findPacket();
+    CVNC_LOCAL bool findPacket();
 
     std::unique_ptr<char[]> keptPackets;     // packets that were pending when unbundling was switched off
     std::unique_ptr<sockaddr_in> keptSource; // and their sender

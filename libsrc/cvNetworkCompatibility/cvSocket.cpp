@@ -129,11 +129,15 @@ NwSocket::~NwSocket() = default;
 
 // The bundle of a destination, with room for the largest one: reserved once, then cleared and filled again.
 inline std::vector<char>& NwSocket::bundleOf(NwIpv4Addr destAddr) {
-    if (!lastBundle || lastBundle->first != destAddr)
-        lastBundle = &*bundles.emplace(destAddr, std::vector<char>()).first;
-    const int largest = NwMaxPacketSize();
-    if (largest > 0) lastBundle->second.reserve(static_cast<std::size_t>(largest));
-    return lastBundle->second;
+    if (!lastBundle || lastBundle->first != destAddr) lastBundle = findBundle(destAddr);
+    std::vector<char>& bundle = lastBundle->second;
+    const long largest = NwMaxPacketSize();
+    if (static_cast<long>(bundle.capacity()) < largest) bundle.reserve(static_cast<std::size_t>(largest));
+    return bundle;
+}
+
+[[gnu::noinline]] NwSocket::BundleMap::value_type* NwSocket::findBundle(NwIpv4Addr destAddr) {
+    return &*bundles.emplace(destAddr, std::vector<char>()).first;
 }
 
 int NwSocket::NwSend(char* buf, unsigned long len, unsigned int destAddr) {
@@ -142,15 +146,18 @@ int NwSocket::NwSend(char* buf, unsigned long len, unsigned int destAddr) {
 
 int NwSocket::sendBundled(char* buf, unsigned long len, unsigned int destAddr) try {
     std::vector<char>& bundle = bundleOf(destAddr);  // also for a packet that will be sent directly: meant
-    long flushed = 0;
     // A negative size converts to one that nothing exceeds; the test below then sends each packet by itself.
     const unsigned long limit = static_cast<unsigned long>(static_cast<long>(bundleSize));
     const bool fits = len <= limit && bundle.size() <= limit - len;
-    if (!fits && !bundle.empty() && flush(flushed) == -1) return -1;
-
+    int flushed = 0;
+    if (!fits && !bundle.empty()) {
+        long bytesSent = 0;
+        if (flush(bytesSent) == -1) return -1;
+        flushed = static_cast<int>(bytesSent);
+    }
     if (len <= INT_MAX && static_cast<int>(len) < bundleSize) {
         bundle.insert(bundle.end(), buf, buf + len);
-        return static_cast<int>(flushed);
+        return flushed;
     }
     return sendTo(buf, len, destAddr);
 } catch (const std::bad_alloc&) {

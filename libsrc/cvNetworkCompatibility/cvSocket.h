@@ -236,6 +236,7 @@ protected:
 private:
     CVNC_LOCAL int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
     CVNC_LOCAL std::vector<char>& bundleOf(NwIpv4Addr destAddr);
+    CVNC_LOCAL BundleMap::value_type* findBundle(NwIpv4Addr destAddr);
 
     // The bundle that NwSend used last: most senders have one destination.
     BundleMap::value_type* lastBundle;
