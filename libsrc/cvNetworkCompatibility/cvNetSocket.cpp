@@ -513,6 +513,7 @@ bool NwNetSocket::findPacket() {
         } else {
             bytesLeftInBundle = direct ? NwNetSocket::recvFromNet(&bundleCursor) : recvFromNet(&bundleCursor);
             if (bytesLeftInBundle <= 0) {  // nothing, an empty datagram, or an own one: no cursor stays behind
+                if (bytesLeftInBundle != 0) firstInBundle = 1;
                 bundleCursor = nullptr;
                 return false;
             }
