@@ -77,6 +77,7 @@ def main():
     write("width-3", [small[0]], flags=DEFAULT ^ HEADER, width=3)
     write("offset-negative", [small[0]], flags=DEFAULT ^ HEADER, offset=-1)
     write("offset-huge", [small[0]], flags=DEFAULT ^ HEADER, width=4, offset=2**31 - 1)
+    write("field-across-end", [bytes(range(0x80, 0x80 + 63)) + b"\x14"], flags=DEFAULT & ~(HEADER | NETWORK), offset=63)
     write("no-minimum", [b"x", b"", small[0] + b"yz"], smallest=0, burst=3)
     write("minimum-negative", [b"x", small[0] + b"y"], smallest=-(2**31), burst=2)
     write("minimum-huge", [small[0], small[1]], smallest=2**31 - 1)

@@ -32,7 +32,7 @@ for target in $targets; do
     findings=build/fuzz/findings/$target
     mkdir -p "$corpus" "$findings"
     echo "== $target, $seconds s"
-    if ! "build/fuzz/fuzz/${target}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=16384 \
+    if ! "build/fuzz/fuzz/${target}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
         -artifact_prefix="$findings/" -print_final_stats=1 "$corpus" "fuzz/seeds/$target"; then
         status=1
         echo "found something: mend it, and keep the file of $findings as fuzz/seeds/$target/crash-WHAT-IT-WAS" >&2

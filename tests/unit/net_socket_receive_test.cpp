@@ -1119,6 +1119,24 @@ TEST_P(LengthFields, fieldOutsideWhatRemainsCountsAsZero) {
     }
 }
 
+// In host order the bytes behind the datagram, zeros, would leave a small and believable length.
+TEST_P(LengthFields, fieldThatBeginsInsideAndEndsOutsideCountsAsZero) {
+    socket.enableDisHeaderTest(false);
+    NwSetNetworkByteOrdering(0);
+    for (int width : {2, 4}) {
+        for (int inside = 1; inside < width; ++inside) {
+            SCOPED_TRACE(testing::Message() << inside << " of " << width << " bytes inside");
+            socket.setSizeLength(width);
+            socket.setSizeOffset(64 - inside);
+            const std::string bytes =
+                highBytes(64 - inside) + field(20, width, false).substr(0, static_cast<std::size_t>(inside));
+            feed(bytes);
+            EXPECT_EQ(next(), bytes);
+            EXPECT_EQ(next(), kNone);
+        }
+    }
+}
+
 TEST_P(LengthFields, steppingByOneByteReachesTheEnd) {
     socket.enableDisHeaderTest(false);
     socket.setMinPacketSize(1);
@@ -1170,6 +1188,23 @@ TEST_P(OwnPackets, statusIsZeroAndThePointerNullWhileUnbundling) {
     EXPECT_FALSE(socket.dataLeftInCurrentBundle());
     EXPECT_EQ(socket.NwReportPktsRcvd(), 0);
     EXPECT_EQ(messages.all(), "");
+}
+
+// What derived classes find in the fields after one.
+TEST_P(OwnPackets, leaveMinusThreeInTheCountOfBytesAndNoCursor) {
+    feed(pdu(20, 1) + pdu(20, 2));
+    EXPECT_EQ(next(), pdu(20, 1));
+    EXPECT_EQ(next(), pdu(20, 2));
+    EXPECT_EQ(fields.firstInBundle, 0);
+    EXPECT_EQ(next(), kNone);
+    EXPECT_EQ(fields.bytesLeftInBundle, 0);
+    EXPECT_EQ(fields.firstInBundle, 0) << "nothing was read";
+    socket.setFilterPort(peer.port());
+    feed(pdu(20, 3));
+    EXPECT_EQ(next(), kNone);
+    EXPECT_EQ(fields.bytesLeftInBundle, -3);
+    EXPECT_EQ(fields.bundleCursor, nullptr);
+    EXPECT_EQ(fields.firstInBundle, 1);
 }
 
 TEST_P(OwnPackets, callEndsWithTheOwnOneAndTheNextReadsOn) {
@@ -1474,16 +1509,19 @@ TEST_P(Pending, restWaitsUnharmedWhileUnbundlingIsOff) {
     EXPECT_EQ(messages.all(), "");
 }
 
-TEST_P(Pending, severalDatagramsMayPassMeanwhile) {
+TEST_P(Pending, severalDatagramsOfSeveralSendersMayPassMeanwhile) {
+    UdpPeer others[] = {UdpPeer(kOtherLoopback), UdpPeer(kOtherLoopback + 1)};
     feed(pdu(20, 1) + pdu(30, 2));
     EXPECT_EQ(next(), pdu(20, 1));
     socket.setUnbundling(0);
-    for (int i = 0; i < 5; ++i) {
-        feed(pdu(100 + i, i) + pdu(50, i));
+    for (int i = 0; i < 6; ++i) {
+        land(others[i % 2], pdu(100 + i, i) + pdu(50, i), socket);
         EXPECT_EQ(next(), pdu(100 + i, i) + pdu(50, i));
+        EXPECT_EQ(socket.lastSourceInetAddr(), kOtherLoopback + static_cast<unsigned int>(i % 2));
     }
     socket.setUnbundling(1);
     EXPECT_EQ(next(), pdu(30, 2));
+    EXPECT_EQ(socket.lastSourceInetAddr(), kLoopback);
     EXPECT_EQ(next(), kNone);
 }
 
@@ -1739,6 +1777,7 @@ TEST(AdoptedReceiver, unixDescriptorHasAddressAndPortZero) {
     Messages messages;
     UnixPair pair;
     const std::unique_ptr<NwNetSocket> socket = adopt(pair.ends[0]);
+    socket->NwBecomeNonBlocking();
     messages.all();
     EXPECT_EQ(fieldsOf(*socket).port, 0);
     pair.send(pdu(20, 1) + pdu(30, 2));
@@ -1790,7 +1829,10 @@ TEST(AdoptedReceiver, senderWithoutAddressDoesNotKeepTheLastOne) {
     UdpPeer owner, peer;
     UnixPair pair;
     const std::unique_ptr<NwNetSocket> socket = adopt(owner.fd());
+    NwNetSocket::makeNonBlocking(owner.fd());
+    NwNetSocket::makeNonBlocking(pair.ends[0]);
     peer.send(pdu(20, 1), owner.port());
+    ASSERT_TRUE(waitReadable(owner.fd()));
     EXPECT_EQ(nextFrom(*socket), pdu(20, 1));
     EXPECT_EQ(socket->lastSourceInetAddr(), kLoopback);
     fieldsOf(*socket).socketFd = pair.ends[0];
@@ -1804,18 +1846,23 @@ TEST(AdoptedReceiver, senderWithoutAddressDoesNotKeepTheLastOne) {
 
 namespace {
 
-class FixedLength : public Receiver {
+class NonBlocking : public Receiver {
+public:
+    NonBlocking() { NwBecomeNonBlocking(); }
+};
+
+class FixedLength : public NonBlocking {
 public:
     unsigned int getNextPacketSize() override { return 25; }
 };
 
-class OwnHeaderRule : public Receiver {
+class OwnHeaderRule : public NonBlocking {
 public:
     unsigned int currentHeaderMatchesFirstInBundle() override { return firstInBundle ? 5 : 7; }
 };
 
 // Skips a preamble of four bytes before each datagram.
-class Preamble : public Receiver {
+class Preamble : public NonBlocking {
 public:
     void findNextPacket() override {
         const bool isNew = !bundleCursor;
@@ -1827,7 +1874,7 @@ public:
 };
 
 // Lends datagrams from storage of its own, as a queue would.
-class Queued : public Receiver {
+class Queued : public NonBlocking {
 public:
     int recvFromNet(char** buf) override {
         ++reads;
@@ -1843,7 +1890,7 @@ public:
     int reads = 0;
 };
 
-class Counting : public Receiver {
+class Counting : public NonBlocking {
 public:
     int recvWithUnbundling(char** buf) override {
         ++unbundled;
@@ -1937,7 +1984,6 @@ TEST(DerivedReceiver, datagramLargerThanOurBuffersIsLentInPlace) {
 
 TEST(DerivedReceiver, everyStepGoesThroughTheVirtualTable) {
     Counting socket;
-    socket.NwBecomeNonBlocking();
     UdpPeer peer;
     land(peer, pdu(20, 1) + pdu(20, 2), socket);
     EXPECT_EQ(nextFrom(socket), pdu(20, 1));
