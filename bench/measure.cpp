@@ -14,9 +14,6 @@ double secondsOf(clockid_t clock) {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-Cost now() {
-    return Cost{secondsOf(CLOCK_MONOTONIC), secondsOf(CLOCK_THREAD_CPUTIME_ID)};
-}
 
 // Between two neighbours, as is usual for quantiles of a sample.
 double quantile(const std::vector<double>& sorted, double fraction) {
@@ -28,11 +25,17 @@ double quantile(const std::vector<double>& sorted, double fraction) {
 
 }  // namespace
 
-Stopwatch::Stopwatch() : start(now()) {}
+// The clock that costs a system call is read outside of the other's interval.
+Stopwatch::Stopwatch() {
+    start.cpuSeconds = secondsOf(CLOCK_THREAD_CPUTIME_ID);
+    start.wallSeconds = secondsOf(CLOCK_MONOTONIC);
+}
 
 Cost Stopwatch::elapsed() const {
-    const Cost end = now();
-    return Cost{end.wallSeconds - start.wallSeconds, end.cpuSeconds - start.cpuSeconds};
+    Cost spent;
+    spent.wallSeconds = secondsOf(CLOCK_MONOTONIC) - start.wallSeconds;
+    spent.cpuSeconds = secondsOf(CLOCK_THREAD_CPUTIME_ID) - start.cpuSeconds;
+    return spent;
 }
 
 Spread spreadOf(std::vector<double> values) {
