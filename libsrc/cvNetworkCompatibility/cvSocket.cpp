@@ -267,3 +267,11 @@ bool NwSocket::accept(char* pdu, unsigned int srcAddr) {
            pduKind().evalTest(pdu, kDisTypeOffset, NwFilterByte) &&
            ipAddr().evalTest(reinterpret_cast<char*>(&srcAddr), 0, NwFilterInt32);
 }
+
+// The same where it is known what the virtual table would say.
+bool NwSocket::ownTestsAccept(char* pdu, unsigned int srcAddr) {
+    return protocolVersionTest.NwFilterTest::evalTest(pdu, kDisVersionOffset, NwFilterByte) &&
+           exerciseIdTest.NwFilterTest::evalTest(pdu, kDisExerciseOffset, NwFilterByte) &&
+           pduKindTest.NwFilterTest::evalTest(pdu, kDisTypeOffset, NwFilterByte) &&
+           ipAddrTest.NwFilterTest::evalTest(reinterpret_cast<char*>(&srcAddr), 0, NwFilterInt32);
+}

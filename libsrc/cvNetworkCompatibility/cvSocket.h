@@ -234,6 +234,9 @@ protected:
     NwFilterTest ipAddrTest;
 
 private:
+    friend class NwNetSocket;
+    // What accept comes to on a socket that overrides neither it nor the accessors.
+    CVNC_LOCAL bool ownTestsAccept(char* pdu, unsigned int srcAddr);
     CVNC_LOCAL int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
     CVNC_LOCAL std::vector<char>& bundleOf(NwIpv4Addr destAddr);
     CVNC_LOCAL BundleMap::value_type* findBundle(NwIpv4Addr destAddr);
