@@ -255,7 +255,8 @@ TEST_P(Recorded, withTheHeaderTestOnMixedBundlesEndInARest) {
     EXPECT_EQ(messages.all(), listener.expectedWarnings);
     EXPECT_EQ(listener.datagrams(), listener.expectedDatagrams());
     if (std::get<0>(GetParam()) == "real-dis6-dis7-mixed.pcap") {
-        EXPECT_EQ(listener.expectedWarnings.empty(), bundleBytes == 0) << "bundles mix its versions and exercises";
+        EXPECT_EQ(listener.expectedWarnings.empty(), bundleBytes == 0)
+            << "bundles mix its versions and exercises";
     }
 }
 
