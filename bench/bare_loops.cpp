@@ -30,7 +30,8 @@ bool passes(const HandFilters& filters, const char* packet, const sockaddr_in& f
     if (active == Active::none) return true;
     if (active == Active::type) return isAmong(filters.types, byteAt(packet, 2));
     return isAmong(filters.versions, byteAt(packet, 0)) && isAmong(filters.exercises, byteAt(packet, 1)) &&
-           isAmong(filters.types, byteAt(packet, 2)) && isAmong(filters.addresses, ntohl(from.sin_addr.s_addr));
+           isAmong(filters.types, byteAt(packet, 2)) &&
+           isAmong(filters.addresses, ntohl(from.sin_addr.s_addr));
 }
 
 int readDatagram(int fd, char* buffer, sockaddr_in& from) {
@@ -88,7 +89,8 @@ Delivered receiveBundled(int fd, int pdus, const HandFilters& filters) {
 void bareSend(int fd, int port, PduSource& source, int pdus) {
     sockaddr_in to = loopbackAddress(port);
     for (int i = 0; i < pdus; ++i)
-        if (::sendto(fd, source.next(), kPduBytes, 0, generic(to), sizeof to) < 0) fail("the bare loop cannot send");
+        if (::sendto(fd, source.next(), kPduBytes, 0, generic(to), sizeof to) < 0)
+            fail("the bare loop cannot send");
 }
 
 void bareSendBundled(int fd, int port, PduSource& source, int pdus) {
@@ -103,7 +105,8 @@ void bareSendBundled(int fd, int port, PduSource& source, int pdus) {
         std::memcpy(bundle + used, source.next(), kPduBytes);
         used += kPduBytes;
     }
-    if (used > 0 && ::sendto(fd, bundle, used, 0, generic(to), sizeof to) < 0) fail("the bare loop cannot send");
+    if (used > 0 && ::sendto(fd, bundle, used, 0, generic(to), sizeof to) < 0)
+        fail("the bare loop cannot send");
 }
 
 Delivered bareReceive(int fd, int pdus, const HandFilters& filters, Active active) {

@@ -13,7 +13,8 @@ void set(NwFilterTest& test, const std::vector<unsigned int>& values) {
 
 void librarySend(NwSocket& socket, PduSource& source, int pdus) {
     for (int i = 0; i < pdus; ++i)
-        if (socket.NwSend(source.next(), kPduBytes, NwUSE_DEFAULT_IP_ADDR) < 0) fail("the library cannot send");
+        if (socket.NwSend(source.next(), kPduBytes, NwUSE_DEFAULT_IP_ADDR) < 0)
+            fail("the library cannot send");
     if (socket.flush() < 0) fail("the library cannot flush");
 }
 

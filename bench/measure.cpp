@@ -14,7 +14,6 @@ double secondsOf(clockid_t clock) {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-
 // Between two neighbours, as is usual for quantiles of a sample.
 double quantile(const std::vector<double>& sorted, double fraction) {
     const double place = fraction * static_cast<double>(sorted.size() - 1);

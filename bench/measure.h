@@ -2,7 +2,8 @@
 // Two ways of doing the same work, compared in interleaved pairs: A B B A, many short rounds.
 //
 // Each A B B A gives one ratio, in which a drift of the machine's speed cancels out. What is reported is the
-// median of these ratios with its quartiles, so that a round which another process disturbed counts for little.
+// median of these ratios with its quartiles, so that a round which another process disturbed counts for
+// little.
 #ifndef BENCH_MEASURE_H
 #define BENCH_MEASURE_H
 

@@ -96,6 +96,7 @@ std::uint64_t drain(int fd) {
     char datagram[kLargestDatagram];
     std::uint64_t bytes = 0;
     ssize_t got;
-    while ((got = ::recv(fd, datagram, sizeof datagram, MSG_DONTWAIT)) > 0) bytes += static_cast<std::uint64_t>(got);
+    while ((got = ::recv(fd, datagram, sizeof datagram, MSG_DONTWAIT)) > 0)
+        bytes += static_cast<std::uint64_t>(got);
     return bytes;
 }

@@ -28,8 +28,8 @@ struct Floor {
 const Floor kDatagramFloor = {0.95, 1.05};  // each PDU is a datagram: the kernel's work dwarfs ours
 const Floor kBundleFloor = {0.90, 1.10};    // nine PDUs share a datagram: ours shows
 
-// Some 100 microseconds or more: far above what reading two clocks costs, and below a time slice, so that most
-// rounds run undisturbed on a busy machine.
+// Some 100 microseconds or more: far above what reading two clocks costs, and below a time slice, so that
+// most rounds run undisturbed on a busy machine.
 const int kDatagramsPerRound = 400;
 const int kQuickDatagrams = 100;
 
@@ -69,9 +69,10 @@ public:
           sinkPort(portOf(sink)),
           sender(sinkPort, loopbackAddr, static_cast<unsigned char>(NwNetSocketWrite | NwNetSocketQuietStart),
                  loopbackAddr),
-          receiver(0, loopbackAddr,
-                   static_cast<unsigned char>(NwNetSocketRead | NwNetSocketBindToDest | NwNetSocketQuietStart),
-                   loopbackAddr),
+          receiver(
+              0, loopbackAddr,
+              static_cast<unsigned char>(NwNetSocketRead | NwNetSocketBindToDest | NwNetSocketQuietStart),
+              loopbackAddr),
           feeder(openSocket(true)) {
         if (!sender.isOk() || !receiver.isOk()) fail("cannot open the library's sockets on 127.0.0.1");
         receiverPort = portOf(receiver.readFd());
@@ -108,7 +109,8 @@ Round sendRound(Loopback& net, int pdus, std::function<void()> send) {
 Round receiveRound(Loopback& net, int pdusPerDatagram, std::function<Delivered()> receive) {
     return [&net, pdusPerDatagram, receive = std::move(receive)] {
         net.source.restart();
-        const Delivered expected = fill(net.feeder, net.receiverPort, net.source, net.datagrams, pdusPerDatagram);
+        const Delivered expected =
+            fill(net.feeder, net.receiverPort, net.source, net.datagrams, pdusPerDatagram);
         const Stopwatch watch;
         const Delivered got = receive();
         const Cost cost = watch.elapsed();
@@ -132,8 +134,9 @@ Case sendCase(Loopback& net, int pdusPerDatagram) {
             return round();
         };
     };
-    return Case{bundled ? "send bundles of 1400" : "send one PDU a datagram", bundled ? kBundleFloor : kDatagramFloor,
-                pdusPerDatagram, setUp(sendRound(net, pdus, bare)), setUp(sendRound(net, pdus, library))};
+    return Case{bundled ? "send bundles of 1400" : "send one PDU a datagram",
+                bundled ? kBundleFloor : kDatagramFloor, pdusPerDatagram, setUp(sendRound(net, pdus, bare)),
+                setUp(sendRound(net, pdus, library))};
 }
 
 // A filter list of `count` values, the one that matches last: every packet passes after the longest search.
@@ -155,7 +158,8 @@ HandFilters filtersOf(int valuesEach) {
 
 std::string filterName(Active active, int valuesEach) {
     if (active == Active::none) return "no filter";
-    return std::string(active == Active::type ? "1 filter of " : "4 filters of ") + std::to_string(valuesEach);
+    return std::string(active == Active::type ? "1 filter of " : "4 filters of ") +
+           std::to_string(valuesEach);
 }
 
 Case receiveCase(Loopback& net, int pdusPerDatagram, Active active, int valuesEach) {
@@ -164,7 +168,8 @@ Case receiveCase(Loopback& net, int pdusPerDatagram, Active active, int valuesEa
     const int fd = net.receiver.readFd();
     const HandFilters filters = filtersOf(valuesEach);
     const auto bare = [fd, pdus, filters, active, bundled] {
-        return bundled ? bareReceiveBundled(fd, pdus, filters, active) : bareReceive(fd, pdus, filters, active);
+        return bundled ? bareReceiveBundled(fd, pdus, filters, active)
+                       : bareReceive(fd, pdus, filters, active);
     };
     const auto library = [&net, pdus] { return libraryReceive(net.receiver, pdus); };
     const auto setUp = [&net, filters, active](Round round) {
@@ -174,8 +179,9 @@ Case receiveCase(Loopback& net, int pdusPerDatagram, Active active, int valuesEa
         };
     };
     const std::string name = bundled ? "receive and split, " : "receive one PDU a datagram, ";
-    return Case{name + filterName(active, valuesEach), bundled ? kBundleFloor : kDatagramFloor, pdusPerDatagram,
-                setUp(receiveRound(net, pdusPerDatagram, bare)), setUp(receiveRound(net, pdusPerDatagram, library))};
+    return Case{name + filterName(active, valuesEach), bundled ? kBundleFloor : kDatagramFloor,
+                pdusPerDatagram, setUp(receiveRound(net, pdusPerDatagram, bare)),
+                setUp(receiveRound(net, pdusPerDatagram, library))};
 }
 
 Case copiedCase(Loopback& net) {
@@ -190,7 +196,8 @@ Case copiedCase(Loopback& net) {
         };
     };
     return Case{"receive and split, copied to the caller", kBundleFloor, kPdusPerBundle,
-                setUp(receiveRound(net, kPdusPerBundle, bare)), setUp(receiveRound(net, kPdusPerBundle, library))};
+                setUp(receiveRound(net, kPdusPerBundle, bare)),
+                setUp(receiveRound(net, kPdusPerBundle, library))};
 }
 
 // Both directions in one timed part: the library's sender to its receiver.
@@ -230,7 +237,8 @@ std::vector<Case> allCases(Loopback& net) {
     for (const int pdusPerDatagram : {1, kPdusPerBundle}) {
         cases.push_back(receiveCase(net, pdusPerDatagram, Active::none, 0));
         for (const Active active : {Active::type, Active::all})
-            for (const int valuesEach : {1, 16}) cases.push_back(receiveCase(net, pdusPerDatagram, active, valuesEach));
+            for (const int valuesEach : {1, 16})
+                cases.push_back(receiveCase(net, pdusPerDatagram, active, valuesEach));
     }
     cases.push_back(copiedCase(net));
     cases.push_back(bothWaysCase(net, 1));
@@ -245,19 +253,23 @@ double perPdu(double seconds, const Result& result) {
 }
 
 void printHead(const Options& options, int datagrams) {
-    std::printf("UDP on loopback, PDUs of %d bytes, %d datagrams a round, %d interleaved pairs (bare library library bare)\n",
-                kPduBytes, datagrams, options.pairs);
-    std::printf("rate: library / bare PDUs a second; cpu: library / bare processor time; median (quartiles)\n\n");
+    std::printf(
+        "UDP on loopback, PDUs of %d bytes, %d datagrams a round, %d interleaved pairs (bare library library "
+        "bare)\n",
+        kPduBytes, datagrams, options.pairs);
+    std::printf(
+        "rate: library / bare PDUs a second; cpu: library / bare processor time; median (quartiles)\n\n");
     std::printf("%-42s %9s %9s   %-21s %-21s %-15s\n", "", "bare", "library", "rate", "cpu", "floor");
     std::printf("%-42s %9s %9s\n", "path", "cpu ns", "cpu ns");
 }
 
 void printLine(const Result& result) {
     const Comparison& m = result.measured;
-    std::printf("%-42s %9.1f %9.1f   %.3f (%.3f-%.3f)   %.3f (%.3f-%.3f)   %.2f / %.2f    %s\n", result.name.c_str(),
-                perPdu(m.bareCpuSeconds, result), perPdu(m.libraryCpuSeconds, result), m.rate.median,
-                m.rate.lowerQuartile, m.rate.upperQuartile, m.cpu.median, m.cpu.lowerQuartile, m.cpu.upperQuartile,
-                result.floor.rateAtLeast, result.floor.cpuAtMost, result.reached() ? "PASS" : "MISSED");
+    std::printf("%-42s %9.1f %9.1f   %.3f (%.3f-%.3f)   %.3f (%.3f-%.3f)   %.2f / %.2f    %s\n",
+                result.name.c_str(), perPdu(m.bareCpuSeconds, result), perPdu(m.libraryCpuSeconds, result),
+                m.rate.median, m.rate.lowerQuartile, m.rate.upperQuartile, m.cpu.median, m.cpu.lowerQuartile,
+                m.cpu.upperQuartile, result.floor.rateAtLeast, result.floor.cpuAtMost,
+                result.reached() ? "PASS" : "MISSED");
     std::fflush(stdout);
 }
 
@@ -266,23 +278,29 @@ void writeSpread(std::FILE* out, const char* name, const Spread& spread) {
                  spread.median, spread.lowerQuartile, spread.upperQuartile);
 }
 
-void writeJson(const std::string& file, const Options& options, int datagrams, const std::vector<Result>& results) {
+void writeJson(const std::string& file, const Options& options, int datagrams,
+               const std::vector<Result>& results) {
     std::FILE* out = std::fopen(file.c_str(), "w");
     if (!out) fail("cannot write " + file);
     utsname host;
     ::uname(&host);
-    std::fprintf(out, "{\"pduBytes\": %d, \"datagramsPerRound\": %d, \"pairs\": %d, \"kernel\": \"%s\", \"paths\": [",
-                 kPduBytes, datagrams, options.pairs, host.release);
+    std::fprintf(
+        out, "{\"pduBytes\": %d, \"datagramsPerRound\": %d, \"pairs\": %d, \"kernel\": \"%s\", \"paths\": [",
+        kPduBytes, datagrams, options.pairs, host.release);
     const char* separator = "\n";
     for (const Result& result : results) {
         std::fprintf(out, "%s  {\"path\": \"%s\", ", separator, result.name.c_str());
         writeSpread(out, "rate", result.measured.rate);
         writeSpread(out, "cpu", result.measured.cpu);
-        std::fprintf(out, "\"bareWallNs\": %.2f, \"libraryWallNs\": %.2f, \"bareCpuNs\": %.2f, \"libraryCpuNs\": %.2f, ",
-                     perPdu(result.measured.bareWallSeconds, result), perPdu(result.measured.libraryWallSeconds, result),
-                     perPdu(result.measured.bareCpuSeconds, result), perPdu(result.measured.libraryCpuSeconds, result));
-        std::fprintf(out, "\"rateAtLeast\": %.2f, \"cpuAtMost\": %.2f, \"reached\": %s}", result.floor.rateAtLeast,
-                     result.floor.cpuAtMost, result.reached() ? "true" : "false");
+        std::fprintf(
+            out,
+            "\"bareWallNs\": %.2f, \"libraryWallNs\": %.2f, \"bareCpuNs\": %.2f, \"libraryCpuNs\": %.2f, ",
+            perPdu(result.measured.bareWallSeconds, result),
+            perPdu(result.measured.libraryWallSeconds, result),
+            perPdu(result.measured.bareCpuSeconds, result),
+            perPdu(result.measured.libraryCpuSeconds, result));
+        std::fprintf(out, "\"rateAtLeast\": %.2f, \"cpuAtMost\": %.2f, \"reached\": %s}",
+                     result.floor.rateAtLeast, result.floor.cpuAtMost, result.reached() ? "true" : "false");
         separator = ",\n";
     }
     std::fprintf(out, "\n]}\n");

@@ -58,12 +58,13 @@ HandFilters filtersOf(int valuesEach) {
 }
 
 struct Sockets {
-    NwNetSocket receiver{0, loopbackAddr,
-                         static_cast<unsigned char>(NwNetSocketRead | NwNetSocketBindToDest | NwNetSocketQuietStart),
-                         loopbackAddr};
+    NwNetSocket receiver{
+        0, loopbackAddr,
+        static_cast<unsigned char>(NwNetSocketRead | NwNetSocketBindToDest | NwNetSocketQuietStart),
+        loopbackAddr};
     int port = portOf(receiver.readFd());
-    NwNetSocket sender{port, loopbackAddr, static_cast<unsigned char>(NwNetSocketWrite | NwNetSocketQuietStart),
-                       loopbackAddr};
+    NwNetSocket sender{port, loopbackAddr,
+                       static_cast<unsigned char>(NwNetSocketWrite | NwNetSocketQuietStart), loopbackAddr};
     PduSource source;
 };
 
@@ -101,12 +102,13 @@ int runBatches(const Path& path, Sockets& sockets, const HandFilters& filters, i
 }  // namespace
 
 // Named for callgrind, which counts from here on.
-extern "C" __attribute__((noinline)) int measured(const Path& path, Sockets& sockets, const HandFilters& filters,
-                                                  int batches) {
+extern "C" __attribute__((noinline)) int measured(const Path& path, Sockets& sockets,
+                                                  const HandFilters& filters, int batches) {
     return runBatches(path, sockets, filters, batches);
 }
 
-extern "C" __attribute__((noinline)) int warmUp(const Path& path, Sockets& sockets, const HandFilters& filters) {
+extern "C" __attribute__((noinline)) int warmUp(const Path& path, Sockets& sockets,
+                                                const HandFilters& filters) {
     return runBatches(path, sockets, filters, 2);
 }
 
@@ -115,7 +117,8 @@ int main(int argc, char** argv) {
     const Path& path = pathNamed(argv[1]);
     NwNetSocket::initErrorAction = 1;
     Sockets sockets;
-    if (!sockets.sender.isOk() || !sockets.receiver.isOk()) fail("cannot open the library's sockets on 127.0.0.1");
+    if (!sockets.sender.isOk() || !sockets.receiver.isOk())
+        fail("cannot open the library's sockets on 127.0.0.1");
     const HandFilters filters = filtersOf(path.valuesEach);
     if (path.kind == Path::library) setFilters(sockets.receiver, filters, path.active);
     if (path.bundled) sockets.sender.setBundling(kBundleBytes);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // No path of a packet allocates memory once it is warm: every allocation of the process is counted while
 // packets go out and come in.
-#include <cvNetworkCompatibility/cvNetSocket.h>
 #include <arpa/inet.h>
+#include <cvNetworkCompatibility/cvNetSocket.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -56,8 +56,8 @@ const bool hooksAreIn = __sanitizer_install_malloc_and_free_hooks(onMalloc, onFr
 
 #else
 
-// In front of the C library's: whatever the program or a shared library asks for (operator new included, which
-// asks malloc) comes by here first.
+// In front of the C library's: whatever the program or a shared library asks for (operator new included,
+// which asks malloc) comes by here first.
 extern "C" {
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -289,14 +289,15 @@ TYPED_TEST(Traffic, packetsTooLargeForABundleAllocateNothing) {
     this->sender.setBundling(200);
     std::string large = pdu(1000);
     int count = 0;
-    EXPECT_EQ(allocationsOnceWarm([&] {
-                  for (std::string& packet : this->packets) {
-                      this->failures += this->sender.NwSend(&packet[0], packet.size(), NwUSE_DEFAULT_IP_ADDR) < 0;
-                      this->failures += this->sender.NwSend(&large[0], large.size(), NwUSE_DEFAULT_IP_ADDR) != 1000;
-                  }
-                  count = this->receiveLent();
-              }),
-              0);
+    EXPECT_EQ(
+        allocationsOnceWarm([&] {
+            for (std::string& packet : this->packets) {
+                this->failures += this->sender.NwSend(&packet[0], packet.size(), NwUSE_DEFAULT_IP_ADDR) < 0;
+                this->failures += this->sender.NwSend(&large[0], large.size(), NwUSE_DEFAULT_IP_ADDR) != 1000;
+            }
+            count = this->receiveLent();
+        }),
+        0);
     EXPECT_EQ(count, 2 * kPdus);
     EXPECT_EQ(this->failures, 0);
 }
@@ -323,7 +324,9 @@ TYPED_TEST(Traffic, sendsThatFailAllocateNothing) {
     std::string tooLong(70000, 'x');  // above what a datagram holds
     int result = 0;
     NwNetSocket::setRetryOnSend(2, 0.0);
-    EXPECT_EQ(allocationsOnceWarm([&] { result = this->sender.NwSend(&tooLong[0], tooLong.size(), kLoopback); }), 0);
+    EXPECT_EQ(
+        allocationsOnceWarm([&] { result = this->sender.NwSend(&tooLong[0], tooLong.size(), kLoopback); }),
+        0);
     NwNetSocket::setRetryOnSend(0, 0.0);
     EXPECT_EQ(result, -1);
 }
@@ -378,7 +381,8 @@ TYPED_TEST(Traffic, refusedPacketsAllocateNothing) {
 }
 
 TYPED_TEST(Traffic, oddDatagramsAllocateNothing) {
-    std::string shortOne = pdu(12).substr(0, 8), unlike = pdu(20) + pdu(20, 0, 6), lengthless = withLength(pdu(30), 0);
+    std::string shortOne = pdu(12).substr(0, 8), unlike = pdu(20) + pdu(20, 0, 6),
+                lengthless = withLength(pdu(30), 0);
     int count = 0;
     EXPECT_EQ(allocationsOnceWarm([&] {
                   for (std::string* datagram : {&shortOne, &unlike, &lengthless})
