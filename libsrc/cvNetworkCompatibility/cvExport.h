@@ -5,8 +5,8 @@
 
 #define CVNC_API __attribute__((visibility("default")))
 
-// On a private operation of such a class: nobody outside can call it, so it is no part of the binary interface and
-// may come, go and change.
+// On a private operation of such a class: nobody outside can call it, so it is no part of the binary
+// interface and may come, go and change.
 #define CVNC_LOCAL __attribute__((visibility("hidden")))
 
 #endif

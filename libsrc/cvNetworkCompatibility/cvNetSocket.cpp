@@ -119,8 +119,8 @@ void NwNetSocket::allocateBuffers() {
     bundleExercise = 0;
     bundleProtocol = 0;
     const std::size_t bytes = static_cast<std::size_t>(max0(bufferSize)) + kSlack;
-    recvBuffer.reset(new (std::nothrow) char[bytes]());
-    copyBuffer.reset(new (std::nothrow) char[bytes]());
+    recvBuffer.reset(new (std::nothrow) char[bytes]);
+    copyBuffer.reset(new (std::nothrow) char[bytes]);
 }
 
 void NwNetSocket::init(int newPort, unsigned int addr, unsigned char newMode, unsigned int device) {
@@ -137,8 +137,8 @@ void NwNetSocket::init(int newPort, unsigned int addr, unsigned char newMode, un
     firstInBundle = 1;
     unbundling = 1;
     bundleCursor = nullptr;
-    destSockAddr.reset(new sockaddr_in());
-    sourceSockAddr.reset(new sockaddr_in());
+    destSockAddr.reset(new (std::nothrow) sockaddr_in());
+    sourceSockAddr.reset(new (std::nothrow) sockaddr_in());
 
     mcastDevice_ = device ? device : NwFirstHostInetAddr();
     if (!adoptedFd) socketFd = -1;
@@ -152,7 +152,7 @@ void NwNetSocket::init(int newPort, unsigned int addr, unsigned char newMode, un
 }
 
 bool NwNetSocket::haveBuffers() const {
-    if (recvBuffer && copyBuffer) return true;
+    if (recvBuffer && copyBuffer && destSockAddr && sourceSockAddr) return true;
     if (!isQuiet()) NwWarn("NetSocket: no memory for packets of %d bytes\n", bufferSize);
     return false;
 }
@@ -204,12 +204,12 @@ int NwNetSocket::initRead(unsigned int addr) {
 void NwNetSocket::printReady(unsigned int addr) const {
     if (isQuiet()) return;
     // One write for the whole line, so that those of several threads do not mix.
-    std::string bound;
-    if (boundToDest) bound = std::string(" (bound to ") + NwInetAddrString(addr) + ")";
+    char bound[sizeof " (bound to 255.255.255.255)"] = "";
+    if (boundToDest) std::snprintf(bound, sizeof bound, " (bound to %s)", NwInetAddrString(addr));
     if (mode & NwNetSocketWrite)
-        NwInfo("NetSocket ok for port %d to %s%s\n", port, NwInetAddrString(destAddr), bound.c_str());
+        NwInfo("NetSocket ok for port %d to %s%s\n", port, NwInetAddrString(destAddr), bound);
     else
-        NwInfo("NetSocket ok to read port %d%s\n", port, bound.c_str());
+        NwInfo("NetSocket ok to read port %d%s\n", port, bound);
 }
 
 // --- descriptor ------------------------------------------------------------------------------------------
@@ -248,7 +248,8 @@ int NwNetSocket::makeReusable(int fd) {
 int NwNetSocket::enableBroadcast(int fd) {
     if (fd < 0) return 0;
     const int on = 1;
-    return setOption(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) || failed("Couldn't set SO_BROADCAST option");
+    return setOption(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) ||
+           failed("Couldn't set SO_BROADCAST option");
 }
 
 void NwNetSocket::setInetAddr(sockaddr_in& sa, unsigned long addr, int newPort) {
@@ -271,7 +272,8 @@ int NwNetSocket::sendTo(char* buf, unsigned long len, unsigned int addr) {
     sockaddr_in to;
     const int otherPort = nwSetting(sendPort);
     setInetAddr(to, addr, otherPort != -1 ? otherPort : port);
-    int result = static_cast<int>(::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
+    int result =
+        static_cast<int>(::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
     if (result == -1 && nwSetting(theMaxSendRetries) != 0) result = retrySendTo(buf, len, to);
     if (result == -1) failed("NetSocket::sendTo");
     return result;
@@ -288,16 +290,12 @@ int NwNetSocket::retrySendTo(char* buf, unsigned long len, sockaddr_in& to) {
         const NwClock clock;
         while (clock.elapsedRealTime() < period) {
         }
-        result = static_cast<int>(::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
+        result =
+            static_cast<int>(::sendto(socketFd, buf, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
     }
-    if (NwDebug.okToPrint() && !isQuiet()) {
-        const int reason = errno;  // the caller reports the failure
-        char text[128];
-        std::snprintf(text, sizeof text, "NwNetSocket::retrySendTo: Blocked, retried %u of %u times.  Returning: %d\n",
-                      limit - remaining, limit, result);
-        NwDebug << text << std::flush;
-        errno = reason;
-    }
+    if (!isQuiet())
+        NwDebug("NwNetSocket::retrySendTo: Blocked, retried %u of %u times.  Returning: %d\n",
+                limit - remaining, limit, result);
     return result;
 }
 
@@ -362,7 +360,8 @@ void NwNetSocket::setSizeLength(int length) {
     sizeLength_ = length;
     if (length == 1 || length == 2 || length == 4) return;
     sizeLength_ = kDisLengthWidth;
-    if (!isQuiet()) NwWarn("Invalid value for size, using default value of %u\n", static_cast<unsigned int>(sizeLength_));
+    if (!isQuiet())
+        NwWarn("Invalid value for size, using default value of %u\n", static_cast<unsigned int>(sizeLength_));
 }
 
 bool NwNetSocket::testDisHeader() {
@@ -421,7 +420,7 @@ int NwNetSocket::receive(char** buf, int* status) {
     int code = 1;
     if (length == kOwnPacket) {
         code = kOwnPacket;
-    } else if (length == 0) {
+    } else if (length <= 0) {  // a derived class's step may say less than nothing
         code = 0;
     } else if (!(direct ? ownTestsPassAll() || ownTestsAccept(*buf, NwNetSocket::lastSourceInetAddr())
                         : accept(*buf, lastSourceInetAddr()))) {
@@ -444,8 +443,9 @@ int NwNetSocket::recvFromNet(char** buf) {
     }
 
     socklen_t addressSize = sizeof *sourceSockAddr;
-    const int length = static_cast<int>(::recvfrom(socketFd, recvBuffer.get(), static_cast<std::size_t>(max0(bufferSize)), 0,
-                                                   reinterpret_cast<sockaddr*>(sourceSockAddr.get()), &addressSize));
+    const int length =
+        static_cast<int>(::recvfrom(socketFd, recvBuffer.get(), static_cast<std::size_t>(max0(bufferSize)), 0,
+                                    reinterpret_cast<sockaddr*>(sourceSockAddr.get()), &addressSize));
     if (length < 0) {
         if (blocking || errno != EAGAIN) failed("Network read error");
         *buf = nullptr;
@@ -454,18 +454,20 @@ int NwNetSocket::recvFromNet(char** buf) {
     std::memset(recvBuffer.get() + length, 0, kSlack);
     if (addressSize == 0 || sourceSockAddr->sin_family != AF_INET) *sourceSockAddr = sockaddr_in();
     if (length == 0) warn("0 bytes read from net\n");
-    if (filterPort != -1 && isOwnPacket()) return kOwnPacket;
+    const int ownPort = nwSetting(filterPort);
+    if (ownPort != -1 && isOwnPacket(ownPort)) return kOwnPacket;
     *buf = recvBuffer.get();
     countPacket();
     return length;
 }
 
-bool NwNetSocket::isOwnPacket() const {
-    return ntohl(sourceSockAddr->sin_addr.s_addr) == mcastDevice_ && ntohs(sourceSockAddr->sin_port) == filterPort;
+bool NwNetSocket::isOwnPacket(int ownPort) const {
+    return ntohl(sourceSockAddr->sin_addr.s_addr) == nwSetting(mcastDevice_) &&
+           ntohs(sourceSockAddr->sin_port) == ownPort;
 }
 
 NwIpv4Addr NwNetSocket::lastSourceInetAddr() {
-    return ntohl(sourceSockAddr->sin_addr.s_addr);
+    return sourceSockAddr ? ntohl(sourceSockAddr->sin_addr.s_addr) : 0;
 }
 
 // --- unbundling ------------------------------------------------------------------------------------------
@@ -485,7 +487,8 @@ int NwNetSocket::nextPacket(char** buf) {
     const unsigned int left = static_cast<unsigned int>(bytesLeftInBundle);
     unsigned int size;
     if (testDisHeader_)
-        size = direct ? NwNetSocket::currentHeaderMatchesFirstInBundle() : currentHeaderMatchesFirstInBundle();
+        size =
+            direct ? NwNetSocket::currentHeaderMatchesFirstInBundle() : currentHeaderMatchesFirstInBundle();
     else
         size = direct ? NwNetSocket::getNextPacketSize() : getNextPacketSize();
     if (size == 0 || size >= left) {
@@ -513,7 +516,8 @@ bool NwNetSocket::findPacket() {
             }
         } else {
             bytesLeftInBundle = direct ? NwNetSocket::recvFromNet(&bundleCursor) : recvFromNet(&bundleCursor);
-            if (bytesLeftInBundle <= 0) {  // nothing, an empty datagram, or an own one: no cursor stays behind
+            if (bytesLeftInBundle <=
+                0) {  // nothing, an empty datagram, or an own one: no cursor stays behind
                 if (bytesLeftInBundle != 0) firstInBundle = 1;
                 bundleCursor = nullptr;
                 return false;
@@ -560,33 +564,27 @@ unsigned int NwNetSocket::currentHeaderMatchesFirstInBundle() {
 
 [[gnu::cold, gnu::noinline]] void NwNetSocket::warnOfHeader(int protocol, int exercise) const {
     if (!isQuiet())
-        NwWarn("Unbundling warning: PDU header not similar to first                 in bundle\n"
-               "    (Protocol,exercise) = (%d,%d) when expecting (%d,%d)\n",
-               protocol, exercise, bundleProtocol, bundleExercise);
+        NwWarn(
+            "Unbundling warning: PDU header not similar to first                 in bundle\n"
+            "    (Protocol,exercise) = (%d,%d) when expecting (%d,%d)\n",
+            protocol, exercise, bundleProtocol, bundleExercise);
 }
 
 bool NwNetSocket::dataLeftInCurrentBundle() {
     return bundleCursor != nullptr;
 }
 
-bool NwNetSocket::isInRecvBuffer(const char* place) const {
-    const std::less<const char*> before{};
-    const char* end = recvBuffer.get() + max0(bufferSize);
-    return !before(place, recvBuffer.get()) && before(place, end);
-}
-
 [[gnu::cold, gnu::noinline]] bool NwNetSocket::keepPendingPackets() {
     if (!bundleCursor || keptSource) return true;
+    if (!sourceSockAddr) return false;
     std::unique_ptr<sockaddr_in> source(new (std::nothrow) sockaddr_in(*sourceSockAddr));
     if (!source) return false;
-    if (isInRecvBuffer(bundleCursor)) {
-        const std::size_t left = static_cast<std::size_t>(max0(bytesLeftInBundle));
-        std::unique_ptr<char[]> kept(new (std::nothrow) char[left + kSlack]());
-        if (!kept) return false;
-        std::memcpy(kept.get(), bundleCursor, left);
-        keptPackets = std::move(kept);
-        bundleCursor = keptPackets.get();
-    }
+    const std::size_t left = static_cast<std::size_t>(max0(bytesLeftInBundle));
+    std::unique_ptr<char[]> kept(new (std::nothrow) char[left + kSlack]());
+    if (!kept) return false;
+    std::memcpy(kept.get(), bundleCursor, left);
+    keptPackets = std::move(kept);
+    bundleCursor = keptPackets.get();
     keptSource = std::move(source);
     return true;
 }
@@ -618,13 +616,9 @@ int NwNetSocket::privateListenToMulticastGroup(unsigned int group, int fromInit,
         if (!isQuiet()) NwWarn("listenToMulticastGroup ineffective while bound to destAddr\n");
         return 0;  // meant: the membership stays
     }
-    if (!isQuiet() && NwVerbose.okToPrint()) {
-        std::string text = "Listening to multicast group: ";
-        text += NwInetAddrString(group);
-        text += " on interface: ";
-        text += NwInetAddrString(device);
-        NwVerbose << text + "\n" << std::flush;
-    }
+    if (!isQuiet())
+        NwVerbose("Listening to multicast group: %s on interface: %s\n", NwInetAddrString(group),
+                  NwInetAddrString(device));
     return 1;
 }
 
@@ -732,7 +726,8 @@ ifreq* NwNetSocket::findIfr(const char* name, int fd, ifconf* conf) {
     const int count = conf->ifc_len / static_cast<int>(sizeof(ifreq));
     for (int i = 0; i < count; ++i) {
         ifreq* ifr = conf->ifc_req + i;
-        const bool chosen = name ? std::strncmp(ifr->ifr_name, name, IFNAMSIZ) == 0 : capableOfIpBroadcast(ifr, fd);
+        const bool chosen =
+            name ? std::strncmp(ifr->ifr_name, name, IFNAMSIZ) == 0 : capableOfIpBroadcast(ifr, fd);
         if (chosen) return ifr;
     }
     return nullptr;

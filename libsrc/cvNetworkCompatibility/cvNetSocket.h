@@ -15,10 +15,10 @@ struct sockaddr_in;
 
 // Mode bits of the UDP sockets' constructors.
 enum NwNetSocketMode : int {
-    NwNetSocketRead = 1,         // bind to the port, and join the group when the address is one
-    NwNetSocketWrite = 2,        // compute the default destination, enable broadcast
-    NwNetSocketBindToDest = 8,   // when reading: bind to the address argument instead of any address
-    NwNetSocketQuietStart = 16   // print no construction line; a mode of just 16 opens nothing
+    NwNetSocketRead = 1,        // bind to the port, and join the group when the address is one
+    NwNetSocketWrite = 2,       // compute the default destination, enable broadcast
+    NwNetSocketBindToDest = 8,  // when reading: bind to the address argument instead of any address
+    NwNetSocketQuietStart = 16  // print no construction line; a mode of just 16 opens nothing
 };
 
 // One UDP port: sends datagrams (broadcast, multicast or unicast) and receives packets one a call,
@@ -56,8 +56,9 @@ public:
     // " (bound to %s)" when bound to addr, and an end of line. A side that fails to open is left out: its
     // descriptor reads -1, isOk() is false, and with initErrorAction 0, the default, the process is
     // aborted. Reports: "open socket", "NetSocket: bind %s %d", "Couldn't set SO_BROADCAST option",
-    // "Couldn't set SO_REUSEPORT option" with the system's description.
-    // Typed arguments keep the first two forms apart: NwNetSocket(3000, (unsigned char)3, 0u).
+    // "Couldn't set SO_REUSEPORT option" with the system's description;
+    // "NetSocket: no memory for packets of %d bytes\n". An adopted descriptor that has no address fails
+    // silently. Typed arguments keep the first two forms apart: NwNetSocket(3000, (unsigned char)3, 0u).
     NwNetSocket(int port, unsigned char mode, unsigned int device);
     NwNetSocket(int port, unsigned int addr, unsigned char mode, unsigned int device);
     // Adopts an open UDP descriptor, which stays the caller's to close; name is not used. port() and
@@ -135,7 +136,8 @@ public:
     virtual bool testDisHeader();
     virtual void enableDisHeaderTest(bool on);
     virtual unsigned int mcastDevice() const;
-    // Datagrams from this port of mcastDevice() are the host's own and are dropped; -1 (the default) for none.
+    // Datagrams from this port of mcastDevice() are the host's own and are dropped; -1 (the default) for
+    // none.
     virtual void setFilterPort(const int& newPort);
     // The destination port of sends; -1 (the default) for the socket's own port.
     virtual void setSendPort(const int& newPort);
@@ -151,13 +153,17 @@ public:
     virtual int retrySendTo(char* buf, unsigned long len, sockaddr_in& to);
     // NwRecv without the copy: *buf may point into the middle of the receive buffer.
     virtual int recvWithStatus(char** buf, int* status);
-    // Reads one datagram and points *buf at it. Returns its length, 0 for none, or -3 for an own one. An
-    // override that lends storage of its own leaves 16 readable bytes behind the datagram.
+    // Reads one datagram and points *buf at it. Returns its length; 0 for none, with a null *buf, or for an
+    // empty one; or -3 for an own one, with *buf as it was. An override that lends storage of its own leaves
+    // 16 readable bytes behind the datagram.
     virtual int recvFromNet(char** buf);
     // Delivers the next packet of the current datagram, or of a new one when none is pending.
     virtual int recvWithUnbundling(char** buf);
+    // The join itself. fromInit is 1 during construction: a socket bound to its destination then joins
+    // without the warning, and with success.
     virtual int privateListenToMulticastGroup(unsigned int group, int fromInit, unsigned int device);
-    // Brings bundleCursor to the next packet, reading a datagram if need be.
+    // Brings bundleCursor to the next packet, reading a datagram if need be, and keeps bytesLeftInBundle and
+    // firstInBundle; leaves bundleCursor null when there is none.
     virtual void findNextPacket();
     // The length field of the packet at the cursor, in bytes; 0 when there is no packet or no field.
     virtual unsigned int getNextPacketSize();
@@ -172,7 +178,9 @@ public:
     // Sets the descriptor's status flags to just O_NONBLOCK; others are cleared, as documented. A failure
     // is NwFatalPerror("non-blocking").
     static void makeNonBlocking(int fd);
-    // SO_REUSEPORT, then SO_REUSEADDR. Returns 1 when both were set, else 0.
+    // SO_REUSEPORT, then SO_REUSEADDR. Returns 1 when both were set, else 0 after "Couldn't set SO_REUSEPORT
+    // option" or "Couldn't set SO_REUSEADDR option". The second is printed only *while* sockets are quiet:
+    // meant.
     static int makeReusable(int fd);
     // SO_BROADCAST. Returns 1, or 0 (silently for a negative descriptor).
     static int enableBroadcast(int fd);
@@ -206,14 +214,14 @@ public:
     static int initErrorAction;
 
 protected:
-    // Saves what is pending in recvBuffer, once, before a read overwrites it. False when there is no memory
-    // for it; then do not read. For overrides of recvFromNet that fill recvBuffer.
+    // Moves pending packets aside, once, before a read overwrites them: the first call of an override of
+    // recvFromNet. False when there is no memory for them; then do not read.
     bool keepPendingPackets();
 
-    int port;        // local port, and destination port of sends unless sendPort is set
-    int filterPort;  // see setFilterPort
-    int sendPort;    // see setSendPort
-    int reserved;    // not used
+    int port;                            // local port, and destination port of sends unless sendPort is set
+    int filterPort;                      // see setFilterPort
+    int sendPort;                        // see setSendPort
+    int reserved;                        // not used
     std::unique_ptr<char[]> recvBuffer;  // datagrams are read here
     std::unique_ptr<char[]> copyBuffer;  // later packets of a bundle are lent from here
     char* bundleCursor;                  // the next packet of the datagram being split, or null
@@ -228,10 +236,10 @@ protected:
     int sizeLength_;
     int bufferSize;  // NwMaxPacketSize() at construction, as given: 0 or less means no room at all
     bool testDisHeader_;
-    int boundToDest;      // non-zero: the read side is bound to the address argument
-    int firstInBundle;    // 1: the packet at the cursor is the first of its datagram
-    int bundleExercise;   // of the first packet of the datagram
-    int bundleProtocol;   // of the first packet of the datagram
+    int boundToDest;     // non-zero: the read side is bound to the address argument
+    int firstInBundle;   // 1: the packet at the cursor is the first of its datagram
+    int bundleExercise;  // of the first packet of the datagram
+    int bundleProtocol;  // of the first packet of the datagram
     bool ok;
     std::unique_ptr<sockaddr_in> destSockAddr;    // the address argument, as given, and port
     std::unique_ptr<sockaddr_in> sourceSockAddr;  // sender of the last datagram
@@ -245,8 +253,7 @@ private:
     CVNC_LOCAL int initWrite(unsigned int addr);
     CVNC_LOCAL int initRead(unsigned int addr);
     CVNC_LOCAL void printReady(unsigned int addr) const;
-    CVNC_LOCAL bool isOwnPacket() const;
-    CVNC_LOCAL bool isInRecvBuffer(const char* place) const;
+    CVNC_LOCAL bool isOwnPacket(int ownPort) const;
     CVNC_LOCAL void warnOfHeader(int protocol, int exercise) const;
     CVNC_LOCAL void refuseShortPacket();
     CVNC_LOCAL void discardDatagram();
@@ -257,8 +264,8 @@ private:
     template <bool direct>
     CVNC_LOCAL bool findPacket();
 
-    std::unique_ptr<char[]> keptPackets;     // packets that were pending when unbundling was switched off
-    std::unique_ptr<sockaddr_in> keptSource; // and their sender
+    std::unique_ptr<char[]> keptPackets;      // packets that were pending when unbundling was switched off
+    std::unique_ptr<sockaddr_in> keptSource;  // and their sender
 };
 
 // The queries above for applications; see NwNetSocket.

@@ -14,8 +14,9 @@
 struct ifconf;
 
 // Address constants, in host byte order like every NwIpv4Addr.
-static const NwIpv4Addr NwInetAddrAny = 0;           // any local address
-static const NwIpv4Addr NwUSE_DEFAULT_IP_ADDR = 0;   // the socket's own destination, the host's first interface
+static const NwIpv4Addr NwInetAddrAny = 0;  // any local address
+static const NwIpv4Addr NwUSE_DEFAULT_IP_ADDR =
+    0;  // the socket's own destination, the host's first interface
 static const NwIpv4Addr loopbackAddr = 0x7F000001u;  // 127.0.0.1
 
 // The largest packet in bytes, 15000 at the start. It sizes the receive buffers of each UDP socket when
@@ -65,7 +66,8 @@ public:
     virtual void setOperator(NwTestOperator newOperator);
     // setOperator, then extendTest. An inclusion of nothing refuses every packet.
     virtual void setTest(NwTestOperator newOperator, int count, unsigned int* newValues);
-    // Appends count values in order; the array is read only during the call. A count of 0 or less does nothing.
+    // Appends count values in order; the array is read only during the call. A count of 0 or less does
+    // nothing; a value that memory cannot hold is left out.
     virtual void extendTest(int count, unsigned int* newValues);
     // Removes, for each given value, the first one in the list that equals it; others stay.
     virtual void reduceTest(int count, unsigned int* oldValues);
@@ -96,6 +98,9 @@ private:
 //     char* packet = nullptr;
 //     while (int length = socket->NwRecv(&packet, nullptr)) use(packet, length);
 //
+// (With filters set, look at the status too: a refused packet gives length 0, and there may be more behind
+// it.)
+//
 // Bundling: with setBundling(1400), NwSend collects packets per destination and hands them to the network
 // as one larger datagram when the next packet would not fit beside them, or at flush(). Nothing is sent on
 // a timer: flush at least once a frame. Packets lie end to end in a bundle; a receiver separates them by
@@ -118,8 +123,9 @@ public:
     // them into that destination's bundle. buf is copied or sent before the call returns.
     //   Bundling off: sendTo, with its result.
     //   Bundling on: the number of bytes that had to leave the host to make room, often 0; -1 when that
-    //   flush failed, and then the packet was neither kept nor sent. A packet of the bundle size or more
-    //   goes out at once through sendTo, with its result, after whatever waits for the same destination.
+    //   flush failed or memory ended, and then the packet was neither kept nor sent. A packet of the bundle
+    //   size or more goes out at once through sendTo, with its result, after whatever waits for the same
+    //   destination.
     // When the destination's own bundle is not empty and the packet does not fit beside it, the bundles of
     // all destinations are flushed, in ascending order of address; one that cannot be sent holds back
     // those after it, and the packet.
@@ -157,7 +163,8 @@ public:
 
     // Flushes (the result is ignored), then bundles packets up to size bytes, at most NwMaxPacketSize(); 0
     // switches bundling off. After a failed flush data stay pending, and a later flush() sends them. With a
-    // negative size every packet is sent by itself.
+    // negative size every packet is sent by itself. Over UDP choose at most 65507, the largest datagram: a
+    // larger bundle can never leave, and holds back every destination after it.
     virtual void setBundling(int size);
     // The bundle size in bytes, 0 while bundling is off.
     virtual int isBundling();
@@ -168,7 +175,9 @@ public:
     virtual NwIpv4Addr lastSourceInetAddr();
     // How many packets (for UDP: datagrams) were received, refused ones included.
     virtual int NwReportPktsRcvd();
-    // Makes receives (and sends) return at once instead of waiting; sockets block by default. Always 0.
+    // Makes receives (and sends) return at once instead of waiting; sockets block by default. Always 0. Only
+    // for a socket that has a descriptor: a failure is NwFatalPerror("non-blocking"), which ends the process;
+    // if the application's fatal handler returns, the socket stays blocking.
     virtual int NwBecomeNonBlocking();
     // Asks for a wake-up when packets wait; only the packet-server client has one.
     virtual void notifyMe();
@@ -211,20 +220,16 @@ public:
     static bool theAreQuietSockets;
 
 protected:
-    typedef std::map<NwIpv4Addr, std::vector<char> > BundleMap;
+    typedef std::map<NwIpv4Addr, std::vector<char>> BundleMap;
 
     // Adds one to packetsReceived; past INT_MAX it goes on at INT_MIN instead of overflowing.
-    void countPacket() { packetsReceived = static_cast<int>(static_cast<unsigned int>(packetsReceived) + 1u); }
-
-    // Whether accept lets every packet through, for a socket that overrides neither it nor the accessors.
-    bool ownTestsPassAll() const {
-        return protocolVersionTest.excludesNothing() && exerciseIdTest.excludesNothing() &&
-               pduKindTest.excludesNothing() && ipAddrTest.excludesNothing();
+    void countPacket() {
+        packetsReceived = static_cast<int>(static_cast<unsigned int>(packetsReceived) + 1u);
     }
 
     int blocking;         // 1 while the descriptor is in blocking mode
     int packetsReceived;  // for NwReportPktsRcvd
-    BundleMap bundles;    // entries are cleared, never removed (lastBundle points at one)
+    BundleMap bundles;    // entries are cleared, never removed: lastBundle points at one
     int bundling;         // 1 while bundling is on
     int bundleSize;       // bytes; 0 while bundling is off
     int socketFd;         // -1 until a derived class opens it
@@ -235,8 +240,13 @@ protected:
 
 private:
     friend class NwNetSocket;
-    // What accept comes to on a socket that overrides neither it nor the accessors.
+    // What accept comes to on a socket that overrides neither it nor the accessors; and a glance that is
+    // enough while nobody set a filter.
     CVNC_LOCAL bool ownTestsAccept(char* pdu, unsigned int srcAddr);
+    bool ownTestsPassAll() const {
+        return protocolVersionTest.excludesNothing() && exerciseIdTest.excludesNothing() &&
+               pduKindTest.excludesNothing() && ipAddrTest.excludesNothing();
+    }
     CVNC_LOCAL int sendBundled(char* buf, unsigned long len, unsigned int destAddr);
     CVNC_LOCAL std::vector<char>& bundleOf(NwIpv4Addr destAddr);
     CVNC_LOCAL BundleMap::value_type* findBundle(NwIpv4Addr destAddr);

@@ -1973,6 +1973,19 @@ TEST(DerivedReceiver, resultsOfAReplacedReadMeanTheSame) {
     EXPECT_EQ(socket.reads, 4);
 }
 
+TEST(DerivedReceiver, replacedReadThatSaysLessThanNothingDeliversNothing) {
+    Queued socket;
+    unsigned int exercise = 1;
+    socket.exerciseId().setTest(NwTestInclude, 1, &exercise);
+    socket.result = -1;
+    for (int on : {1, 0}) {
+        socket.setUnbundling(on);
+        EXPECT_EQ(nextFrom(socket), kNone);
+        char storage[4] = {};
+        EXPECT_EQ(socket.NwRecv(storage, sizeof storage), 0);
+    }
+}
+
 TEST(DerivedReceiver, datagramLargerThanOurBuffersIsLentInPlace) {
     Queued socket;
     socket.storage = std::string(70000, '\xFF');  // a length of 65535

@@ -908,6 +908,9 @@ TEST(BundleMemory, largestPacketOfZeroOrLessMakesEveryPacketDirect) {
         EXPECT_EQ(give(socket, "defg", 1), 4);
         EXPECT_EQ(socket.take(), (Traffic{{1, "abc"}, {1, "defg"}}));
         EXPECT_TRUE(socket.bundles.at(1).empty());
+        socket.setBundling(0);
+        EXPECT_EQ(socket.isBundling(), 0) << "off is off, whatever the largest packet";
+        EXPECT_EQ(socket.bundling, 0);
     }
 }
 

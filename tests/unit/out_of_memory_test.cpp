@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Memory that ends at any moment: no exception leaves a socket, and no descriptor stays open.
+#include <cvNetworkCompatibility/cvNetSocket.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <new>
+
+#include "messages.h"
+#include "network.h"
+#include "packets.h"
+
+namespace {
+
+int allocationsLeft = -1;  // before one fails; negative: none does
+
+bool isTheOneToFail() {
+    return allocationsLeft >= 0 && allocationsLeft-- == 0;
+}
+
+void* allocate(std::size_t size) {
+    return isTheOneToFail() ? nullptr : std::malloc(size ? size : 1);
+}
+
+void* allocateOrThrow(std::size_t size) {
+    if (void* memory = allocate(size)) return memory;
+    throw std::bad_alloc();
+}
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+// Runs work with its n-th allocation failing, for every n until all succeed; returns how many there were.
+template <class Work>
+int withEachAllocationFailing(const Work& work) {
+    for (int n = 0;; ++n) {
+        allocationsLeft = n;
+        EXPECT_NO_THROW(work()) << "allocation " << n;
+        const bool allSucceeded = allocationsLeft >= 0;
+        allocationsLeft = -1;
+        if (allSucceeded) return n;
+    }
+}
+
+const NwIpv4Addr kGroup = 0xEF010203u;  // 239.1.2.3
+
+class OutOfMemory : public testing::Test {
+protected:
+    void SetUp() override {
+        NwNetSocket::initErrorAction = 1;
+        NwSetOutputLevel(NwOutputDebug);
+        NwInfo.rdbuf(nullptr);
+        NwWarn.rdbuf(nullptr);
+        NwVerbose.rdbuf(nullptr);
+    }
+    int port = freePort();
+    char packet[64] = {};
+};
+
+TEST_F(OutOfMemory, openingASocketFailsWithoutExceptionOrOpenDescriptor) {
+    const std::ptrdiff_t before = openDescriptors();
+    bool isOk = false;
+    const int allocations = withEachAllocationFailing([&] {
+        NwNetSocket socket(port, kGroup, static_cast<unsigned char>(11), kLoopback);
+        isOk = socket.isOk();
+        char* received = packet;
+        if (!isOk && (socket.NwRecv(&received, nullptr) != 0 || received)) std::abort();
+        if (socket.lastSourceInetAddr() != 0 || socket.dataLeftInCurrentBundle()) std::abort();
+    });
+    EXPECT_GE(allocations, 4) << "two buffers, two addresses";
+    EXPECT_TRUE(isOk) << "once memory holds out";
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(OutOfMemory, joiningAGroupNeedsNone) {
+    NwNetSocket socket(port, kLoopback, static_cast<unsigned char>(3), kLoopback);
+    int joined = 0;
+    withEachAllocationFailing([&] { joined = socket.listenToMulticastGroup(kGroup, 0); });
+    EXPECT_EQ(joined, 1);
+}
+
+TEST_F(OutOfMemory, packetThatNoBundleCanTakeIsRefusedAndTheNextIsTaken) {
+    NwNetSocket socket(port, kLoopback, static_cast<unsigned char>(2), kLoopback);
+    socket.setBundling(1400);
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.NwSend(packet, sizeof packet, kLoopback), -1);
+    allocationsLeft = -1;
+    EXPECT_EQ(socket.NwSend(packet, sizeof packet, kLoopback), 0);
+    long sent = 0;
+    EXPECT_EQ(socket.flush(sent), 1);
+    EXPECT_EQ(sent, static_cast<long>(sizeof packet)) << "the refused packet is not in the bundle";
+}
+
+TEST_F(OutOfMemory, pendingPacketsAreNotOverwrittenWhenNothingCanHoldThem) {
+    NwNetSocket socket(port, kLoopback, static_cast<unsigned char>(3), kLoopback);
+    socket.NwBecomeNonBlocking();
+    UdpPeer peer;
+    peer.send(pdu(20, 1) + pdu(24, 2), port);
+    peer.send(pdu(28, 3), port);
+    ASSERT_TRUE(waitReadable(socket.readFd()));
+    char* received = nullptr;
+    ASSERT_EQ(socket.NwRecv(&received, nullptr), 20);
+    socket.setUnbundling(0);
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.NwRecv(&received, nullptr), 0) << "nothing is read";
+    allocationsLeft = -1;
+    ASSERT_TRUE(eventually([&] { return socket.NwRecv(&received, nullptr) == 28; }));
+    socket.setUnbundling(1);
+    ASSERT_EQ(socket.NwRecv(&received, nullptr), 24);
+    EXPECT_EQ(std::string(received, 24), pdu(24, 2));
+}
+
+TEST_F(OutOfMemory, filterLeavesOutWhatItCannotHold) {
+    NwFilterTest test;
+    unsigned int values[] = {1, 2};
+    allocationsLeft = 0;
+    EXPECT_NO_THROW(test.setTest(NwTestInclude, 2, values));
+    allocationsLeft = -1;
+    char one = 1, two = 2;
+    EXPECT_FALSE(test.evalTest(&one, 0, NwFilterByte));
+    EXPECT_TRUE(test.evalTest(&two, 0, NwFilterByte));
+}
+
+}  // namespace
