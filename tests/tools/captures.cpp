@@ -78,6 +78,7 @@ std::string pcapngFile(const std::vector<Frame>& frames, unsigned linkType) {
 
 std::string datagramsFile(const std::vector<std::string>& payloads, double secondsApart) {
     std::vector<Frame> frames;
+    frames.reserve(payloads.size());
     for (const std::string& payload : payloads) {
         frames.push_back(
             {secondsApart * static_cast<double>(frames.size()), ethernet(udpPacket(payload)), 0});

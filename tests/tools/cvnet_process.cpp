@@ -55,7 +55,7 @@ CvnetProcess::CvnetProcess(const Arguments& arguments, Where where, const std::f
         if (where == onTerminal) {
             ::close(terminal[0]);
             ::close(terminal[1]);
-            ::setenv("TERM", "xterm", 1);
+            setVariable("TERM", "xterm");
         }
         execCvnet(arguments, beforeExec);
     }
@@ -160,6 +160,10 @@ CvnetResult CvnetProcess::finish() {
     myResult.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     myResult.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return myResult;
+}
+
+void setVariable(const char* name, const char* value) {
+    ::setenv(name, value, 1);  // NOLINT(concurrency-mt-unsafe): between fork and exec there is one thread
 }
 
 CvnetResult cvnet(const Arguments& arguments) {

@@ -61,6 +61,9 @@ private:
     CvnetResult myResult;
 };
 
+// For beforeExec.
+void setVariable(const char* name, const char* value);
+
 // Starts it and waits for its end.
 CvnetResult cvnet(const Arguments& arguments);
 

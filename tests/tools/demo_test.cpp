@@ -20,7 +20,7 @@ namespace {
 CvnetResult demo(const TestDirectory& directory, const std::string& buildDirectory) {
     const std::string said = directory.path("said");
     const std::string command = std::string(CVNET_DEMO) + " " + buildDirectory + " >" + said + " 2>&1";
-    const int status = std::system(command.c_str());
+    const int status = std::system(command.c_str());  // NOLINT(concurrency-mt-unsafe): one thread
     CvnetResult result;
     result.exitStatus = WEXITSTATUS(status);
     result.output = readFile(said);

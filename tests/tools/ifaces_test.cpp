@@ -96,7 +96,7 @@ TEST(Ifaces, marksTheFirstThatCanBroadcastAndSaysWhyTheOthersAreNot) {
 TEST(Ifaces, isColouredOnATerminalOnlyAndNotWithNoColor) {
     EXPECT_THAT(CvnetProcess({"ifaces"}, CvnetProcess::onTerminal).finish().output, HasSubstr("\x1b["));
     EXPECT_THAT(cvnet({"ifaces"}).output, Not(HasSubstr("\x1b")));
-    const auto noColour = [] { ::setenv("NO_COLOR", "1", 1); };
+    const auto noColour = [] { setVariable("NO_COLOR", "1"); };
     EXPECT_THAT(CvnetProcess({"ifaces"}, CvnetProcess::onTerminal, noColour).finish().output,
                 Not(HasSubstr("\x1b")));
 }

@@ -263,6 +263,11 @@ TEST(Fragments, missingOrOverlappingAreCounted) {
     const Parse overlapping({frames[0], ipv4(std::string(16, 'x'), overlap)}, DLT_RAW);
     EXPECT_TRUE(overlapping.payloads.empty());
     EXPECT_EQ(overlapping.parser.counts().incomplete, 1U);
+    // The pieces before the contradiction are forgotten with it: sent again, the datagram comes through.
+    const Parse again({frames[0], ipv4(std::string(16, 'x'), overlap), frames[0], frames[1], frames[2]},
+                      DLT_RAW);
+    EXPECT_EQ(again.payloads, one(pdu(3000)));
+    EXPECT_EQ(again.parser.counts().incomplete, 1U);
 }
 
 TEST(Fragments, beyondTheLargestPacketAreMalformed) {
@@ -367,7 +372,7 @@ TEST(Synthetic, movesAsItsVelocityAndAccelerationSay) {
     const auto after = entities.next(5.0 + step, 0.0);
     double height = 0.0;
     double speed = 0.0;
-    for (int axis = 0; axis < 3; ++axis) {
+    for (size_t axis = 0; axis < 3; ++axis) {
         const double x = f64At(before.data() + 48 + 8 * axis);
         const double velocity = f32At(before.data() + 36 + 4 * axis);
         const double acceleration = f32At(before.data() + 104 + 4 * axis);

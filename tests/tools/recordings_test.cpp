@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
+#include <ostream>
+
 #include "cvnet_process.h"
 #include "network.h"
 #include "packets.h"
@@ -45,6 +47,11 @@ struct Way {
     std::string recording;
     int bundleBytes;
 };
+
+// The name that failures show.
+void PrintTo(const Way& way, std::ostream* out) {
+    *out << way.recording << " in bundles of " << way.bundleBytes;
+}
 
 std::string wayName(const testing::TestParamInfo<Way>& info) {
     std::string name = info.param.recording.substr(0, info.param.recording.find('.'));

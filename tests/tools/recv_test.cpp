@@ -17,11 +17,9 @@
 #include "packets.h"
 
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
-using testing::Pair;
 using testing::StartsWith;
 
 namespace {
@@ -512,7 +510,7 @@ TEST_F(Recv, hintsOnATerminalWhenNothingComes) {
 TEST_F(Recv, isColouredOnATerminalOnlyAndNotWithNoColor) {
     CvnetProcess coloured({"recv", "--port", "0", "--seconds", "0.1"}, CvnetProcess::onTerminal);
     EXPECT_THAT(coloured.finish().output, HasSubstr("\x1b[1m"));
-    const auto noColour = [] { ::setenv("NO_COLOR", "1", 1); };
+    const auto noColour = [] { setVariable("NO_COLOR", "1"); };
     CvnetProcess plain({"recv", "--port", "0", "--seconds", "0.1"}, CvnetProcess::onTerminal, noColour);
     EXPECT_THAT(plain.finish().output, Not(HasSubstr("\x1b")));
 }

@@ -30,7 +30,7 @@ using Strings = std::vector<std::string>;
 class Send : public testing::Test {
 protected:
     std::string capture(const std::string& bytes, const std::string& name = "capture") {
-        const std::string path = myDirectory.path(name);
+        std::string path = myDirectory.path(name);
         writeFile(path, bytes);
         return path;
     }

@@ -178,7 +178,7 @@ bool FrameParser::parseIpv4(Bytes packet, UdpDatagram& datagram) {
         ++counts_.other;
         return false;
     }
-    const std::size_t headerSize = (packet.data[0] & 0x0FU) * 4U;
+    const std::size_t headerSize = std::size_t{packet.data[0] & 0x0FU} * 4;
     // Segmentation offload leaves the total length 0; then the frame itself tells.
     const std::size_t totalSize = u16At(packet, 2) == 0 ? packet.size : u16At(packet, 2);
     if (headerSize < kIpv4HeaderSize || totalSize < headerSize) {
@@ -194,7 +194,7 @@ bool FrameParser::parseIpv4(Bytes packet, UdpDatagram& datagram) {
     Bytes payload = packet.first(totalSize).from(headerSize);  // Ethernet padding stays behind
 
     const unsigned fragment = u16At(packet, 6);
-    const std::size_t offset = (fragment & kFragmentOffset) * 8U;
+    const std::size_t offset = std::size_t{fragment & kFragmentOffset} * 8;
     const bool moreFollow = (fragment & kMoreFragments) != 0;
     if (offset == 0 && !moreFollow) return parseUdp(payload, datagram);
 

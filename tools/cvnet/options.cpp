@@ -114,6 +114,7 @@ NwIpv4Addr InterfaceOption::address() const {
 
 std::vector<NwIpv4Addr> addressesFromTexts(const std::vector<std::string>& texts, const std::string& option) {
     std::vector<NwIpv4Addr> addresses;
+    addresses.reserve(texts.size());
     for (const std::string& text : texts) addresses.push_back(addressFromText(trimmed(text), option));
     return addresses;
 }

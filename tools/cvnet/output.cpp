@@ -29,8 +29,8 @@ std::string& errorPrefix() {
 }
 
 bool coloursWanted() {
-    const char* noColour = std::getenv("NO_COLOR");
-    const char* term = std::getenv("TERM");
+    const char* noColour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): one thread
+    const char* term = std::getenv("TERM");          // NOLINT(concurrency-mt-unsafe): one thread
     return (noColour == nullptr || *noColour == '\0') && term != nullptr && std::string_view(term) != "dumb";
 }
 

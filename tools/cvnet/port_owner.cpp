@@ -55,17 +55,17 @@ std::vector<std::string> entriesOf(const std::string& path) {
     std::vector<std::string> names;
     const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
     if (!directory) return names;
-    while (const dirent* entry = ::readdir(directory.get())) {
+    while (const dirent* entry = ::readdir(directory.get())) {  // NOLINT(concurrency-mt-unsafe)
         if (std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) names.emplace_back(entry->d_name);
     }
     return names;
 }
 
 bool holdsOneOf(const std::string& pid, const Inodes& inodes) {
-    const std::string folder = fmt::format("/proc/{}/fd", pid);
-    for (const std::string& fd : entriesOf(folder)) {
+    for (const std::string& fd : entriesOf(fmt::format("/proc/{}/fd", pid))) {
         char target[64];  // "socket:[4294967295]" and shorter; longer ones are no sockets
-        const ssize_t length = ::readlink((folder + "/" + fd).c_str(), target, sizeof target);
+        const ssize_t length =
+            ::readlink(fmt::format("/proc/{}/fd/{}", pid, fd).c_str(), target, sizeof target);
         if (length <= 0) continue;
         const std::string link(target, static_cast<std::size_t>(length));
         if (link.compare(0, 8, "socket:[") != 0 || link.back() != ']') continue;

@@ -351,11 +351,12 @@ std::string Receiver::oddText(const PduView& packet) const {
 }
 
 std::string Receiver::jsonOf(const PduView& packet) const {
-    constexpr double nanosecond = 1e-9;
     const timespec& when = socket_->arrival();
+    // Whole microseconds: a double holds those of this century exactly enough, nanoseconds it does not.
+    const long microseconds = when.tv_nsec / 1000;
+    const double time = static_cast<double>(when.tv_sec) + static_cast<double>(microseconds) * 1e-6;
     nlohmann::ordered_json json = {{"event", "pdu"},
-                                   {"time", static_cast<double>(when.tv_sec) +
-                                                static_cast<double>(when.tv_nsec / 1000 * 1000) * nanosecond},
+                                   {"time", time},
                                    {"source", addressText(socket_->lastSourceInetAddr())},
                                    {"port", socket_->lastSourcePort()},
                                    {"version", packet.version()},
