@@ -71,6 +71,23 @@ no_build_path() {
     done
 }
 
+# README's first program says what a newcomer must know, compiles as README says, and works. Its port is a fixed
+# one, so it runs in a network of its own.
+readme_program() {
+    local said wanted flags
+    scratch readme
+    sed -n '/^```cpp/,/^```$/p' "$CVNC_SOURCE_DIR/README.md" | sed '/^```/d' >"$work/first.cpp"
+    for wanted in 'initErrorAction = 1' 'isOk()' 'block by default'; do
+        grep -qF "$wanted" "$work/first.cpp" || fail "README's first program lacks: $wanted"
+    done
+    export PKG_CONFIG_LIBDIR=$first/$CVNC_LIBDIR/pkgconfig
+    read -ra flags < <(pkg-config --cflags --libs cvNetworkCompatibility)
+    "$CVNC_CXX" "${warnings[@]}" "$work/first.cpp" "${flags[@]}" "-Wl,-rpath,$first/$CVNC_LIBDIR" -o "$work/first"
+    unshare -rn true 2>/dev/null || skip "no network namespace to run it in"
+    said=$(unshare -rn sh -c 'ip link set lo up && exec timeout 60 "$0"' "$work/first" 2>/dev/null)
+    [ "$said" = "144 bytes, PDU type 1" ] || fail "README's first program says: $said"
+}
+
 # Runs a built consumer the way a user does: nothing tells the loader where the libraries are but the program.
 run_consumer() { env -u LD_LIBRARY_PATH "$1"; }
 
