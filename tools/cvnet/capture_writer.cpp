@@ -111,7 +111,10 @@ void CaptureWriter::write(const UdpDatagram& datagram, const timespec& when) {
     header.ts.tv_usec = when.tv_nsec;  // nanoseconds: the file says so
     header.caplen = static_cast<bpf_u_int32>(frame_.size());
     header.len = header.caplen;
+    errno = 0;
     pcap_dump(reinterpret_cast<unsigned char*>(dumper_.get()), &header, frame_.data());
+    const int error = errno;
+    if (error != 0 && std::ferror(pcap_dump_file(dumper_.get())) != 0) giveUp(errorText(error));
     pendingSize_ += static_cast<long long>(frame_.size());
     if (pendingSize_ >= kFlushSize) flush();
 }

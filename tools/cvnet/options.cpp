@@ -10,6 +10,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <CLI/Validators.hpp>
 
 #include <cvNetworkCompatibility/cvSocket.h>
 
@@ -87,7 +88,9 @@ void ReportOptions::declare(CLI::App& app) {
 }
 
 void LimitOptions::declare(CLI::App& app, const char* whatIsCounted) {
-    app.add_option("--count", count, fmt::format("Stop after N {}", whatIsCounted))->type_name("N");
+    app.add_option("--count", count, fmt::format("Stop after N {}", whatIsCounted))
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("N");
     app.add_option("--seconds", seconds, "Stop after S seconds")->type_name("S");
 }
 

@@ -77,7 +77,7 @@ void Output::draw(std::string_view lines) {
 }
 
 void Output::erase() {
-    if (drawnLines_ != 0) pending_ += fmt::format("\x1b[{}A\x1b[J", drawnLines_);
+    if (drawnLines_ != 0) pending_ += fmt::format("\r\x1b[{}A\x1b[J", drawnLines_);
     drawnLines_ = 0;
 }
 

@@ -255,8 +255,9 @@ private:
 
 Receiver::Receiver(const RecvOptions& options, Output& out)
     : options_(options), out_(out), filters_(options.filters), place_(options), destinations_(place_) {
-    if (!options_.write.empty()) writer_ = std::make_unique<CaptureWriter>(options_.write);
     socket_ = openSocket(options_, place_);
+    // Not before: a file that is there is emptied by this.
+    if (!options_.write.empty()) writer_ = std::make_unique<CaptureWriter>(options_.write);
     applyFilter(socket_->protocolVersion(), filters_.version);
     applyFilter(socket_->exerciseId(), filters_.exercise);
     applyFilter(socket_->pduKind(), filters_.type);
@@ -410,6 +411,9 @@ void Receiver::idle() {
 void Receiver::showHint() {
     hintShown_ = true;
     if (datagramsSeen_ != 0) return;
+    out_.erase();  // the hint stands above the live table, which is drawn anew below it
+    out_.flush();
+    redrawDue_ = Clock::now();
     errorLine(fmt::format(
         "nothing has come for {} s. Does the sender use port {} and the interface that this host listens "
         "on{}? Does a firewall drop UDP here?",
@@ -418,7 +422,10 @@ void Receiver::showHint() {
 }
 
 void Receiver::drawSummary() {
-    out_.draw(totalsText() + "\n" + oddTotalsText() + "\n" + tally_.fullTable(activeSeconds()));
+    std::string odd = oddTotalsText();
+    const std::size_t drops = odd.rfind("; ");  // what the kernel dropped must not be cut off on the right
+    if (drops != std::string::npos) odd.replace(drops, 2, "\n");
+    out_.draw(totalsText() + "\n" + odd + "\n" + tally_.fullTable(activeSeconds()));
 }
 
 std::string Receiver::totalsText() const {

@@ -12,6 +12,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <CLI/Validators.hpp>
 
 #include <cvNetworkCompatibility/cvNetSocket.h>
 
@@ -110,7 +111,11 @@ void checkOptions(const SendOptions& options) {
 
 // Without --to the destination is the broadcast address of the interface, or of the default one (0).
 NwIpv4Addr destinationOf(const SendOptions& options, NwIpv4Addr device) {
-    if (!options.to.empty()) return addressFromText(options.to, "--to");
+    if (!options.to.empty()) {
+        const NwIpv4Addr to = addressFromText(options.to, "--to");
+        if (to == 0) throw UsageFailure("--to: 0.0.0.0 is no destination");
+        return to;
+    }
     if (device == 0) return 0;
     for (const Interface& entry : hostInterfaces()) {
         if (entry.hasAddress && entry.addrHostOrder == device) return device | ~entry.maskHostOrder;
@@ -380,6 +385,7 @@ void SendCommand::addOptions(CLI::App& app) {
         ->excludes(speed)
         ->excludes(rate);
     app.add_option("--loop", options_.loop, "Play the capture N times, 0 until stopped (default 1)")
+        ->check(CLI::NonNegativeNumber)
         ->type_name("N")
         ->needs(pcap);
     app.add_option("--to", options_.to,

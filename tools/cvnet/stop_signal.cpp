@@ -50,7 +50,11 @@ void StopSignal::install() {
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // no SA_RESTART: a blocked write must see EINTR
     sigemptyset(&action.sa_mask);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction former {};
+        ::sigaction(signal, nullptr, &former);
+        if (former.sa_handler != SIG_IGN) ::sigaction(signal, &action, nullptr);  // nohup asked for it
+    }
     for (int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
 }
 

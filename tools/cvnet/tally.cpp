@@ -10,7 +10,8 @@
 namespace cvnet {
 namespace {
 
-constexpr const char* kRow = "{:<9} {:<38} {:>9} {:>9} {:>12} {:>10} {:>10}\n";
+// As wide as a terminal of 80 columns shows; the few longer names push their row's figures to the right.
+constexpr const char* kRow = "{:<8} {:<24} {:>8} {:>9} {:>10} {:>8} {:>6}\n";
 
 // Over less time than this a rate says nothing.
 constexpr double kLeastSeconds = 0.001;
