@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <fstream>
 
 #include "captures.h"
 #include "cvnet_process.h"
@@ -148,6 +149,7 @@ TEST_F(Recv, printsATableByTypeExerciseAndSource) {
     const Strings lines = linesOf(result.output);
     ASSERT_EQ(lines.size(), 10U) << result.output;
     EXPECT_THAT(lines[1], MatchesRegex("by +PDUs +datagrams +bytes +PDUs/s +kB/s"));
+    for (std::size_t i = 1; i < 8; ++i) EXPECT_LE(lines[i].size(), 79U) << "80 columns: " << lines[i];
     EXPECT_THAT(lines[2], MatchesRegex("type +1 Entity State +2 +2 +288 .*"));
     EXPECT_THAT(lines[3], MatchesRegex("type +20 Data +1 +1 +100 .*"));
     EXPECT_THAT(lines[4], MatchesRegex("exercise +1 +2 +1 +244 .*"));
@@ -163,7 +165,9 @@ TEST_F(Recv, redrawsItsTableOnATerminal) {
     const int port = receiver.listeningPort();
     myPeer.send(pdu(144), port);
     EXPECT_TRUE(receiver.waitForOutput("1 Entity State"));
+    EXPECT_TRUE(receiver.waitForOutput("\r\x1b["));  // to the first column: an echoed ^C has moved on
     EXPECT_TRUE(receiver.waitForOutput("A\x1b[J"));
+    EXPECT_TRUE(receiver.waitForOutput("\r\ndropped by the kernel: "));  // a line of its own, never cut off
     receiver.signal(SIGINT);
     const CvnetResult result = receiver.finish();
     EXPECT_EQ(result.exitStatus, 0);
@@ -275,6 +279,17 @@ TEST_F(Recv, endsWithTotalsOnSignals) {
     }
 }
 
+TEST_F(Recv, outlivesItsTerminalUnderNohup) {
+    CvnetProcess receiver({"recv", "--port", "0", "--count", "2"}, CvnetProcess::inPipes,
+                          [] { std::signal(SIGHUP, SIG_IGN); });
+    const int port = receiver.listeningPort();
+    receiver.signal(SIGHUP);
+    myPeer.send(pdu(144), port);
+    ASSERT_TRUE(receiver.waitForOutput("Entity State"));
+    myPeer.send(pdu(144), port);
+    EXPECT_EQ(receiver.finish().exitStatus, 0);
+}
+
 TEST_F(Recv, endsQuietlyWhenItsReaderGoesAway) {
     for (const bool withTraffic : {true, false}) {
         CvnetProcess receiver({"recv", "--port", "0"});
@@ -334,6 +349,25 @@ TEST_F(Recv, saysWhenACaptureCannotBeWritten) {
     expectError(cvnet({"recv", "--port", "0", "--write", myDirectory.path("no/such/folder")}), 1,
                 "No such file or directory");
     expectError(cvnet({"recv", "--port", "0", "--write", myDirectory.path("")}), 1, "Is a directory");
+}
+
+TEST_F(Recv, leavesAnOldCaptureAloneWhenItCannotListen) {
+    const std::string path = myDirectory.path("old.pcap");
+    std::ofstream(path) << "old";
+    expectError(cvnet({"recv", "--bind", "192.0.2.77", "--port", "3000", "--write", path}), 1, "192.0.2.77");
+    EXPECT_EQ(readFile(path), "old");
+}
+
+TEST_F(Recv, namesTheFullDiskThatALargeCaptureMeetsFirst) {
+    const auto limit = [] {
+        const rlimit size = {100000, 100000};
+        ::setrlimit(RLIMIT_FSIZE, &size);
+    };
+    CvnetProcess receiver({"recv", "--port", "0", "--write", myDirectory.path("saved.pcap"), "--quiet"},
+                          CvnetProcess::inPipes, limit);
+    const int port = receiver.listeningPort();
+    for (int i = 0; i < 3; ++i) myPeer.send(pdu(60000, i), port);  // more than stdio holds back
+    expectError(receiver.finish(), 1, "File too large");
 }
 
 TEST_F(Recv, leavesAReadableCaptureWhenTheDiskIsFull) {
@@ -487,6 +521,7 @@ TEST_F(Recv, refusesArgumentsThatMakeNoSense) {
         {{"--from", "1.2.3"}, "--from: '1.2.3' is no IPv4 address"},
         {{"--rcvbuf", "0"}, "--rcvbuf"},
         {{"--idle", "inf"}, "--idle"},
+        {{"--count", "-1"}, "--count"},
         {{"--seconds", "nan"}, "--seconds"},
         {{"--bogus"}, "--bogus"},
     };
