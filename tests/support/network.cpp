@@ -66,10 +66,13 @@ bool isRunning(const std::string& interfaceName) {
     return running;
 }
 
-// An end of a cable takes up its work a moment after the other end came up; what is sent earlier is lost. Asking
-// for the link and setting it to what it is make the kernel finish what it has put off, under its own lock.
+// An end of a cable takes up its work a moment after the other end came up; what is sent earlier is lost.
+// Asking for the link and setting it to what it is make the kernel finish what it has put off, under its own
+// lock.
 void waitForCable(const std::string& interfaceName) {
-    const auto finish = [&] { run("ip link show dev " + interfaceName + " && ip link set " + interfaceName + " up"); };
+    const auto finish = [&] {
+        run("ip link show dev " + interfaceName + " && ip link set " + interfaceName + " up");
+    };
     finish();
     if (!eventually([&] { return isRunning(interfaceName); }))
         throw std::runtime_error(interfaceName + " does not come up");
@@ -150,7 +153,10 @@ void Host::connect(const std::string& hereName, const std::string& hereAddress, 
                    const std::string& thereAddress) const {
     run("ip link add " + hereName + " type veth peer name " + thereName + " netns " + path());
     run("ip addr add " + hereAddress + " brd + dev " + hereName + " && ip link set " + hereName + " up");
-    in([&] { run("ip addr add " + thereAddress + " brd + dev " + thereName + " && ip link set " + thereName + " up"); });
+    in([&] {
+        run("ip addr add " + thereAddress + " brd + dev " + thereName + " && ip link set " + thereName +
+            " up");
+    });
     waitForCable(hereName);
     in([&] { waitForCable(thereName); });
 }
@@ -160,7 +166,8 @@ void Host::connect(const std::string& name, const std::string& address, const Ho
     in([&] { other.connect(name, address, otherName, otherAddress); });
 }
 
-UdpPeer::UdpPeer(NwIpv4Addr address, int port, bool reuse) : myFd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+UdpPeer::UdpPeer(NwIpv4Addr address, int port, bool reuse)
+    : myFd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     if (myFd < 0) fail("socket");
     const int on = 1;
     ::setsockopt(myFd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
@@ -198,7 +205,8 @@ std::string UdpPeer::receive() {
     std::vector<char> bytes(65536);
     sockaddr_in from = {};
     socklen_t size = sizeof from;
-    const ssize_t length = ::recvfrom(myFd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &size);
+    const ssize_t length =
+        ::recvfrom(myFd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &size);
     if (length < 0) fail("recvfrom");
     mySender = ntohl(from.sin_addr.s_addr);
     mySenderPort = ntohs(from.sin_port);
@@ -211,13 +219,14 @@ bool UdpPeer::isEmpty() {
 
 NwIpv4Addr ipv4(const std::string& dottedQuad) {
     NwIpv4Addr address = 0;
-    if (!NwInetAddrFromString(dottedQuad.c_str(), &address)) throw std::runtime_error("no address: " + dottedQuad);
+    if (!NwInetAddrFromString(dottedQuad.c_str(), &address))
+        throw std::runtime_error("no address: " + dottedQuad);
     return address;
 }
 
 std::set<NwIpv4Addr> groupsJoinedOn(const std::string& interfaceName) {
-    // An unindented line names the interface; indented ones below it begin with a group, in hexadecimal as the
-    // host reads its four bytes.
+    // An unindented line names the interface; indented ones below it begin with a group, in hexadecimal as
+    // the host reads its four bytes.
     const NwIpv4Addr kAllHosts = 0xE0000001u;
     std::ifstream table("/proc/thread-self/net/igmp");
     std::set<NwIpv4Addr> groups;

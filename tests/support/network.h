@@ -15,7 +15,8 @@ const NwIpv4Addr kLoopback = 0x7F000001u;
 const int kPatienceMilliseconds = 20000;
 
 // Whether this process runs in a network namespace of its own (main() tries at the start), with loopback
-// up and no other interface. Tests that need interfaces skip, with privateNetworkProblem(), where it does not.
+// up and no other interface. Tests that need interfaces skip, with privateNetworkProblem(), where it does
+// not.
 bool enterPrivateNetwork();
 bool hasPrivateNetwork();
 const std::string& privateNetworkProblem();
@@ -77,8 +78,8 @@ private:
 
 // The address that a dotted quad names; throws for anything else.
 NwIpv4Addr ipv4(const std::string& dottedQuad);
-// The groups that sockets of the current host have joined on one of its interfaces; the all-hosts group, which
-// every interface has by itself, is left out.
+// The groups that sockets of the current host have joined on one of its interfaces; the all-hosts group,
+// which every interface has by itself, is left out.
 std::set<NwIpv4Addr> groupsJoinedOn(const std::string& interfaceName);
 // A UDP port that was free a moment ago (of all addresses).
 int freePort();

@@ -33,7 +33,8 @@ std::vector<std::string> recorded(const std::string& name) {
     const unsigned char* bytes;
     while (pcap_next_ex(capture, &header, &bytes) == 1) {
         if (header->caplen < kBeforePayload) throw std::runtime_error(path + ": short frame");
-        datagrams.emplace_back(reinterpret_cast<const char*>(bytes) + kBeforePayload, header->caplen - kBeforePayload);
+        datagrams.emplace_back(reinterpret_cast<const char*>(bytes) + kBeforePayload,
+                               header->caplen - kBeforePayload);
     }
     pcap_close(capture);
     return datagrams;
@@ -41,9 +42,9 @@ std::vector<std::string> recorded(const std::string& name) {
 
 const std::vector<std::string>& recordedNames() {
     static const std::vector<std::string> names = {
-        "composed-bundles.pcap",           "generated-dis6.pcap",          "generated-dis7.pcap",
-        "real-dis5-long.pcap",             "real-dis5-short.pcap",         "real-dis6-dis7-mixed.pcap",
-        "real-dis7-bundled-long.pcap",     "real-dis7-bundled-patrol.pcap", "real-dis7-bundled-truncated.pcap"};
+        "composed-bundles.pcap",       "generated-dis6.pcap",           "generated-dis7.pcap",
+        "real-dis5-long.pcap",         "real-dis5-short.pcap",          "real-dis6-dis7-mixed.pcap",
+        "real-dis7-bundled-long.pcap", "real-dis7-bundled-patrol.pcap", "real-dis7-bundled-truncated.pcap"};
     return names;
 }
 
@@ -51,8 +52,9 @@ Walk walk(const std::string& datagram) {
     Walk result;
     std::size_t position = 0;
     while (datagram.size() - position >= 12) {
-        const std::size_t length = static_cast<std::size_t>(static_cast<unsigned char>(datagram[position + 8])) * 256 +
-                                   static_cast<unsigned char>(datagram[position + 9]);
+        const std::size_t length =
+            static_cast<std::size_t>(static_cast<unsigned char>(datagram[position + 8])) * 256 +
+            static_cast<unsigned char>(datagram[position + 9]);
         if (length < 12 || length > datagram.size() - position) break;
         result.pdus.push_back(datagram.substr(position, length));
         position += length;

@@ -58,7 +58,8 @@ public:
         OpenTest::reduceTest(count, oldValues);
     }
     void clearList() override {
-        log.push_back("clearList operator " + std::to_string(op) + " values " + std::to_string(values.count()));
+        log.push_back("clearList operator " + std::to_string(op) + " values " +
+                      std::to_string(values.count()));
         OpenTest::clearList();
     }
     std::vector<std::string> log;
@@ -73,8 +74,10 @@ TEST(FilterTest, enumeratorsHaveTheirDocumentedValues) {
     EXPECT_EQ(static_cast<int>(NwTestInclude), 0);
     EXPECT_EQ(static_cast<int>(NwFilterInt32), 0);
     EXPECT_EQ(static_cast<int>(NwFilterByte), 1);
-    static_assert(std::is_same<std::underlying_type<NwTestOperator>::type, int>::value, "any int can be passed");
-    static_assert(std::is_same<std::underlying_type<NwFilterType>::type, int>::value, "any int can be passed");
+    static_assert(std::is_same<std::underlying_type<NwTestOperator>::type, int>::value,
+                  "any int can be passed");
+    static_assert(std::is_same<std::underlying_type<NwFilterType>::type, int>::value,
+                  "any int can be passed");
 }
 
 TEST(FilterTest, cannotBeCopied) {
@@ -86,8 +89,10 @@ TEST(FilterTest, newOneLetsEverythingPass) {
     OpenTest test;
     EXPECT_EQ(test.oper(), NwTestExclude);
     EXPECT_EQ(test.list(), Values());
-    for (int value = 0; value < 256; ++value) EXPECT_TRUE(test.passesByte(static_cast<unsigned char>(value))) << value;
-    for (unsigned int value : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) EXPECT_TRUE(test.passesInt(value)) << value;
+    for (int value = 0; value < 256; ++value)
+        EXPECT_TRUE(test.passesByte(static_cast<unsigned char>(value))) << value;
+    for (unsigned int value : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu})
+        EXPECT_TRUE(test.passesInt(value)) << value;
     char byte = 0;
     EXPECT_TRUE(test.evalTest(&byte, 0, static_cast<NwFilterType>(7)));
 }
@@ -96,7 +101,8 @@ TEST(FilterTest, inclusionOfNothingRefusesEverything) {
     OpenTest test;
     test.setTest(NwTestInclude, 0, nullptr);
     EXPECT_EQ(test.oper(), NwTestInclude);
-    for (int value = 0; value < 256; ++value) EXPECT_FALSE(test.passesByte(static_cast<unsigned char>(value))) << value;
+    for (int value = 0; value < 256; ++value)
+        EXPECT_FALSE(test.passesByte(static_cast<unsigned char>(value))) << value;
     for (unsigned int value : {0u, 1u, 0xFFFFFFFFu}) EXPECT_FALSE(test.passesInt(value)) << value;
     char byte = 0;
     EXPECT_FALSE(test.evalTest(&byte, 0, static_cast<NwFilterType>(7)));
@@ -106,14 +112,18 @@ TEST(FilterTest, inclusionPassesOnlyWhatItLists) {
     OpenTest test;
     test.set(NwTestInclude, {2, 5, 255});
     for (int value = 0; value < 256; ++value)
-        EXPECT_EQ(test.passesByte(static_cast<unsigned char>(value)), value == 2 || value == 5 || value == 255) << value;
+        EXPECT_EQ(test.passesByte(static_cast<unsigned char>(value)),
+                  value == 2 || value == 5 || value == 255)
+            << value;
 }
 
 TEST(FilterTest, exclusionPassesAllButWhatItLists) {
     OpenTest test;
     test.set(NwTestExclude, {2, 5, 255});
     for (int value = 0; value < 256; ++value)
-        EXPECT_EQ(test.passesByte(static_cast<unsigned char>(value)), value != 2 && value != 5 && value != 255) << value;
+        EXPECT_EQ(test.passesByte(static_cast<unsigned char>(value)),
+                  value != 2 && value != 5 && value != 255)
+            << value;
 }
 
 TEST(FilterTest, everyOperatorButOneBehavesAsInclusion) {
@@ -150,7 +160,8 @@ TEST(FilterTest, valuesAreWhole32BitNumbers) {
     test.set(NwTestInclude, edges);
     EXPECT_EQ(test.list(), edges);
     for (unsigned int value : edges) EXPECT_TRUE(test.passesInt(value)) << value;
-    for (unsigned int value : {2u, 0xFEu, 0x101u, 0xFFFFFF00u, 0x80000001u}) EXPECT_FALSE(test.passesInt(value)) << value;
+    for (unsigned int value : {2u, 0xFEu, 0x101u, 0xFFFFFF00u, 0x80000001u})
+        EXPECT_FALSE(test.passesInt(value)) << value;
 }
 
 // --- fields ------------------------------------------------------------------------------------------------
@@ -374,7 +385,8 @@ TEST(FilterTest, longListsAreSearchedToTheirEnd) {
 TEST(FilterTest, setTestRunsSetOperatorThenClearListThenExtend) {
     RecordingTest test;
     test.set(NwTestInclude, {1, 2});
-    EXPECT_EQ(test.log, (Log{"setTest 0 2 values", "setOperator 0", "clearList operator 1 values 0", "extendTest 2 values"}));
+    EXPECT_EQ(test.log, (Log{"setTest 0 2 values", "setOperator 0", "clearList operator 1 values 0",
+                             "extendTest 2 values"}));
 }
 
 TEST(FilterTest, setOperatorClearsBeforeItStores) {
@@ -390,7 +402,8 @@ TEST(FilterTest, disableGoesThroughSetTest) {
     test.set(NwTestInclude, {1});
     test.log.clear();
     test.disableTest();
-    EXPECT_EQ(test.log, (Log{"setTest 1 0 null", "setOperator 1", "clearList operator 0 values 1", "extendTest 0 null"}));
+    EXPECT_EQ(test.log, (Log{"setTest 1 0 null", "setOperator 1", "clearList operator 0 values 1",
+                             "extendTest 0 null"}));
 }
 
 TEST(FilterTest, extendReduceAndEvaluateCallNothingElse) {

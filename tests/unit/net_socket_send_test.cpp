@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Sending by UDP: one datagram a call, retries, ports, and the call that sets up bundling both ways. What
-// arrives is seen by a raw peer; what is asked of the kernel, and how often, is seen by a sendto() of our own that
-// fails by appointment and else goes on to the kernel.
+// arrives is seen by a raw peer; what is asked of the kernel, and how often, is seen by a sendto() of our own
+// that fails by appointment and else goes on to the kernel.
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -36,13 +36,14 @@ struct SystemCall {
     std::chrono::steady_clock::time_point when;
 };
 
-std::vector<SystemCall> theCalls;   // since the last clear()
+std::vector<SystemCall> theCalls;    // since the last clear()
 std::deque<int> theAppointedFaults;  // the errno of each next call; 0 lets one pass
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) ssize_t sendto(int fd, const void* bytes, size_t length, int flags,
-                                                                  const sockaddr* to, socklen_t addressSize) {
+extern "C" __attribute__((visibility("default"))) ssize_t sendto(int fd, const void* bytes, size_t length,
+                                                                 int flags, const sockaddr* to,
+                                                                 socklen_t addressSize) {
     SystemCall call = {fd, bytes, length, flags, {}, addressSize, std::chrono::steady_clock::now()};
     if (to && addressSize >= sizeof call.to) std::memcpy(&call.to, to, sizeof call.to);
     theCalls.push_back(call);
@@ -67,9 +68,9 @@ unsigned char mode(int bits) {
 
 class Probe : public NwNetSocket {
 public:
-    using NwNetSocket::NwNetSocket;
     using NwNetSocket::bundles;
     using NwNetSocket::filterPort;
+    using NwNetSocket::NwNetSocket;
     using NwNetSocket::port;
     using NwNetSocket::sendPort;
     using NwNetSocket::socketFd;
@@ -99,11 +100,13 @@ protected:
         packet.assign(packet.size(), '#');
         return result;
     }
-    static void failNext(int times, int error) { theAppointedFaults.assign(static_cast<std::size_t>(times), error); }
+    static void failNext(int times, int error) {
+        theAppointedFaults.assign(static_cast<std::size_t>(times), error);
+    }
     static void failNext(std::initializer_list<int> errors) { theAppointedFaults.assign(errors); }
     static std::string retried(unsigned long first, unsigned long limit, int result) {
-        return "NwNetSocket::retrySendTo: Blocked, retried " + std::to_string(first) + " of " + std::to_string(limit) +
-               " times.  Returning: " + std::to_string(result) + "\n";
+        return "NwNetSocket::retrySendTo: Blocked, retried " + std::to_string(first) + " of " +
+               std::to_string(limit) + " times.  Returning: " + std::to_string(result) + "\n";
     }
     static std::string report(int error) { return systemReport("NetSocket::sendTo", error); }
 
@@ -122,7 +125,8 @@ private:
 
 }  // namespace
 
-// --- one datagram --------------------------------------------------------------------------------------------
+// --- one datagram
+// --------------------------------------------------------------------------------------------
 
 TEST_F(UdpSend, bytesArriveAsTheyAreInOneDatagram) {
     std::string all;
@@ -131,7 +135,8 @@ TEST_F(UdpSend, bytesArriveAsTheyAreInOneDatagram) {
     EXPECT_EQ(peer.receive(), all);
     for (std::size_t size : {1u, 2u, 11u, 12u, 1400u, 1472u, 1473u, 15000u, 15001u, 65507u}) {
         const std::string packet(size, 'x');
-        EXPECT_EQ(sendTo(socket, packet, kLoopback), static_cast<int>(size)) << "the largest packet setting is no limit here";
+        EXPECT_EQ(sendTo(socket, packet, kLoopback), static_cast<int>(size))
+            << "the largest packet setting is no limit here";
         EXPECT_EQ(peer.receive(), packet);
     }
     EXPECT_TRUE(peer.isEmpty());
@@ -217,7 +222,8 @@ TEST_F(UdpSend, missingWriteSideIsSilentWhileQuietAndNeverRetried) {
 }
 
 TEST_F(UdpSend, lengthsBeyondAnIntReachTheKernelUncut) {
-    for (unsigned long length : {0x7FFFFFFFul, 0x80000000ul, 0xFFFFFFFFul, 0x100000000ul, 0x100000001ul, ULONG_MAX}) {
+    for (unsigned long length :
+         {0x7FFFFFFFul, 0x80000000ul, 0xFFFFFFFFul, 0x100000000ul, 0x100000001ul, ULONG_MAX}) {
         theCalls.clear();
         failNext(1, EMSGSIZE);
         char byte = 0;
@@ -228,7 +234,8 @@ TEST_F(UdpSend, lengthsBeyondAnIntReachTheKernelUncut) {
     }
 }
 
-// --- ports ---------------------------------------------------------------------------------------------------
+// --- ports
+// ---------------------------------------------------------------------------------------------------
 
 TEST_F(UdpSend, sendPortReplacesThePortUntilItIsMinusOne) {
     UdpPeer other;
@@ -287,7 +294,8 @@ TEST_F(UdpSend, bundlesGoToThePortThatHoldsWhenTheyLeave) {
     EXPECT_EQ(other.receive(), "abc");
 }
 
-// --- failures without retries --------------------------------------------------------------------------------
+// --- failures without retries
+// --------------------------------------------------------------------------------
 
 TEST_F(UdpSend, failureIsReportedAtOnceAndNotRetriedByDefault) {
     failNext(1, ENOBUFS);
@@ -362,7 +370,8 @@ TEST_F(UdpSend, failedBundleStaysAndLeavesWithTheNextFlush) {
     EXPECT_EQ(peer.receive(), "abcdefab");
 }
 
-// --- retries -------------------------------------------------------------------------------------------------
+// --- retries
+// -------------------------------------------------------------------------------------------------
 
 TEST_F(UdpSend, sendThatKeepsFailingIsTriedOnceAndThenAsOftenAsSet) {
     NwNetSocket::setRetryOnSend(3, 0.01);
@@ -553,14 +562,15 @@ TEST_F(UdpSend, retryIsNotAskedWithoutFailureOrWithoutRetries) {
     EXPECT_EQ(recorder.calls, 0);
 }
 
-// --- bundling in both directions -----------------------------------------------------------------------------
+// --- bundling in both directions
+// -----------------------------------------------------------------------------
 
 namespace {
 
 class SettingRecorder : public Probe {
 public:
-    using Probe::Probe;
     using NwNetSocket::setBundling;
+    using Probe::Probe;
     void setBundling(int size) override { note("setBundling", size); }
     void setUnbundling(int on) override { note("setUnbundling", on); }
     void setMinPacketSize(int size) override { note("setMinPacketSize", size); }
@@ -578,12 +588,14 @@ private:
 TEST_F(UdpSend, oneCallSetsUpBothDirectionsStepByStepThroughTheVirtualTable) {
     SettingRecorder recorder(peer.port(), kLoopback, mode(2 | 16), kLoopback);
     recorder.setBundling(1400, true, 13, 4, 3, false);
-    EXPECT_EQ(recorder.log, (std::vector<std::string>{"setBundling 1400", "setUnbundling 1", "setMinPacketSize 13",
-                                                      "setSizeOffset 4", "setSizeLength 3", "enableDisHeaderTest 0"}));
+    EXPECT_EQ(recorder.log,
+              (std::vector<std::string>{"setBundling 1400", "setUnbundling 1", "setMinPacketSize 13",
+                                        "setSizeOffset 4", "setSizeLength 3", "enableDisHeaderTest 0"}));
     recorder.log.clear();
     recorder.setBundling(0, false, -1, -2, 0, true);
-    EXPECT_EQ(recorder.log, (std::vector<std::string>{"setBundling 0", "setUnbundling 0", "setMinPacketSize -1",
-                                                      "setSizeOffset -2", "setSizeLength 0", "enableDisHeaderTest 1"}));
+    EXPECT_EQ(recorder.log,
+              (std::vector<std::string>{"setBundling 0", "setUnbundling 0", "setMinPacketSize -1",
+                                        "setSizeOffset -2", "setSizeLength 0", "enableDisHeaderTest 1"}));
 }
 
 TEST_F(UdpSend, oneCallSetsUpBothDirections) {

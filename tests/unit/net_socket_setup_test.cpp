@@ -26,8 +26,8 @@
 
 static bool descriptorsAreUsedUp = false;
 
-// In the place of the system's: fails by appointment, and else goes on to the kernel. (A limit on the process would
-// do, but it disturbs the sanitizers.)
+// In the place of the system's: fails by appointment, and else goes on to the kernel. (A limit on the process
+// would do, but it disturbs the sanitizers.)
 extern "C" __attribute__((visibility("default"))) int socket(int domain, int type, int protocol) noexcept {
     if (!descriptorsAreUsedUp) return static_cast<int>(::syscall(SYS_socket, domain, type, protocol));
     errno = EMFILE;
@@ -36,8 +36,8 @@ extern "C" __attribute__((visibility("default"))) int socket(int domain, int typ
 
 static int refusedOption = -1;  // of SOL_SOCKET
 
-extern "C" __attribute__((visibility("default"))) int setsockopt(int fd, int level, int name, const void* value,
-                                                                  socklen_t size) noexcept {
+extern "C" __attribute__((visibility("default"))) int setsockopt(int fd, int level, int name,
+                                                                 const void* value, socklen_t size) noexcept {
     if (level != SOL_SOCKET || name != refusedOption)
         return static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, size));
     errno = EPERM;
@@ -61,7 +61,6 @@ unsigned char mode(int bits) {
 // Opens the fields, which derived classes may use.
 class Probe : public NwNetSocket {
 public:
-    using NwNetSocket::NwNetSocket;
     using NwNetSocket::adoptedAddr;
     using NwNetSocket::adoptedFd;
     using NwNetSocket::blocking;
@@ -79,6 +78,7 @@ public:
     using NwNetSocket::mcastDevice_;
     using NwNetSocket::minPacketSize_;
     using NwNetSocket::mode;
+    using NwNetSocket::NwNetSocket;
     using NwNetSocket::ok;
     using NwNetSocket::packetsReceived;
     using NwNetSocket::port;
@@ -183,8 +183,8 @@ protected:
     // The line of a socket that opened.
     std::string readLine() const { return "NetSocket ok to read port " + number(port) + "\n"; }
     std::string writeLine(const std::string& to, const std::string& bound = "") const {
-        return "NetSocket ok for port " + number(port) + " to " + to + (bound.empty() ? "" : " (bound to " + bound + ")") +
-               "\n";
+        return "NetSocket ok for port " + number(port) + " to " + to +
+               (bound.empty() ? "" : " (bound to " + bound + ")") + "\n";
     }
     std::string bindReport(const std::string& where, int error) const {
         return systemReport("NetSocket: bind " + where + " " + number(port), error);
@@ -196,7 +196,8 @@ protected:
 
 }  // namespace
 
-// --- fields --------------------------------------------------------------------------------------------------
+// --- fields
+// --------------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, everyFieldStartsAsDocumented) {
     Probe socket(port, 0x7F000002u, mode(kBothSides), kLoopback);
@@ -297,7 +298,8 @@ TEST_F(UdpSetup, largestPacketBeyondMemoryIsAFailureAndNoException) {
     EXPECT_EQ(aborted.signal, SIGABRT);
 }
 
-// --- modes ---------------------------------------------------------------------------------------------------
+// --- modes
+// ---------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -410,7 +412,8 @@ TEST_F(UdpSetup, socketBoundToAnAddressHearsOnlyThatOne) {
     const std::string pdu("\7\1\1\1\0\0\0\0\0\14\0\0", 12);
     // Nobody listens on the other address: the kernel refuses there, or drops.
     const sockaddr_in elsewhere = address(0x7F000006u, port);
-    ::sendto(peer.fd(), pdu.data(), pdu.size(), 0, reinterpret_cast<const sockaddr*>(&elsewhere), sizeof elsewhere);
+    ::sendto(peer.fd(), pdu.data(), pdu.size(), 0, reinterpret_cast<const sockaddr*>(&elsewhere),
+             sizeof elsewhere);
     peer.send(pdu, port, 0x7F000005u);
     ASSERT_TRUE(waitReadable(socket.readFd()));
     char* received = nullptr;
@@ -428,7 +431,8 @@ TEST_F(UdpSetup, twoSocketsBindOnePort) {
     EXPECT_TRUE(second.isOk());
     EXPECT_TRUE(third.isOk());
     EXPECT_EQ(messages.warn(), "");
-    for (Probe* socket : {&first, &second, &third}) EXPECT_EQ(ntohs(localAddress(socket->socketFd).sin_port), port);
+    for (Probe* socket : {&first, &second, &third})
+        EXPECT_EQ(ntohs(localAddress(socket->socketFd).sin_port), port);
 }
 
 TEST_F(UdpSetup, unicastDatagramReachesJustOneOfTwoOnThePort) {
@@ -450,7 +454,8 @@ TEST_F(UdpSetup, unicastDatagramReachesJustOneOfTwoOnThePort) {
     }
 }
 
-// --- failures ------------------------------------------------------------------------------------------------
+// --- failures
+// ------------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, bindToAForeignAddressFails) {
     Probe socket(port, kNobodysAddress, mode(9), kLoopback);
@@ -543,7 +548,8 @@ TEST_F(UdpSetup, bit16SilencesTheClosingLinesOnly) {
         NoMoreDescriptors exhausted;
         Probe unopened(port, kLoopback, mode(2 | 16), kLoopback);
     }
-    EXPECT_EQ(messages.warn(), systemReport("open socket", EMFILE) + systemReport("Couldn't set SO_REUSEPORT option", EBADF));
+    EXPECT_EQ(messages.warn(),
+              systemReport("open socket", EMFILE) + systemReport("Couldn't set SO_REUSEPORT option", EBADF));
     Probe joined(freePort(), kGroup, mode(1 | 16), kLoopback);
     EXPECT_EQ(messages.verbose(), "Listening to multicast group: 239.1.2.3 on interface: 127.0.0.1\n");
     EXPECT_EQ(messages.all(), "");
@@ -563,7 +569,8 @@ TEST_F(UdpSetup, noDescriptorMeansNoSideAtAll) {
         NoMoreDescriptors exhausted;
         socket.reset(new Probe(port, kLoopback, mode(3), kLoopback));
     }
-    EXPECT_EQ(messages.warn(), systemReport("open socket", EMFILE) + systemReport("Couldn't set SO_REUSEPORT option", EBADF))
+    EXPECT_EQ(messages.warn(),
+              systemReport("open socket", EMFILE) + systemReport("Couldn't set SO_REUSEPORT option", EBADF))
         << "the reuse options are tried all the same";
     EXPECT_EQ(messages.all(), "");
     EXPECT_FALSE(socket->isOk());
@@ -587,7 +594,8 @@ TEST_F(UdpSetup, noDescriptorWhileQuietShowsTheReversedReport) {
     EXPECT_EQ(messages.all(), "");
 }
 
-// --- the default: a failure ends the process -----------------------------------------------------------------
+// --- the default: a failure ends the process
+// -----------------------------------------------------------------
 
 namespace {
 
@@ -628,7 +636,8 @@ TEST_F(UdpAbort, writerWithoutBroadcastInterfaceEndsTheProcess) {
     REQUIRE_PRIVATE_NETWORK();
     const ChildResult child = aborting([] { NwNetSocket(freePort(), mode(2), 0u); });
     EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_EQ(child.output, std::string(kNoBroadcast) + kNoBroadcast) << "asked for a device, and for a destination";
+    EXPECT_EQ(child.output, std::string(kNoBroadcast) + kNoBroadcast)
+        << "asked for a device, and for a destination";
     const ChildResult withDevice = aborting([] { NwNetSocket(freePort(), mode(2), kLoopback); });
     EXPECT_EQ(withDevice.signal, SIGABRT);
     EXPECT_EQ(withDevice.output, kNoBroadcast);
@@ -650,7 +659,8 @@ TEST_F(UdpAbort, successGoesOn) {
     EXPECT_EQ(child.output, "");
 }
 
-// --- a host that can broadcast -------------------------------------------------------------------------------
+// --- a host that can broadcast
+// -------------------------------------------------------------------------------
 
 namespace {
 
@@ -730,7 +740,8 @@ TEST_F(UdpOnANetwork, adoptedDescriptorSendsToItsSubnetByTheDefaultInterfacesMas
     });
 }
 
-// --- groups --------------------------------------------------------------------------------------------------
+// --- groups
+// --------------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, readingAGroupJoinsIt) {
     Probe socket(port, kGroup, mode(1), kLoopback);
@@ -780,7 +791,8 @@ TEST_F(UdpSetup, failedBindJoinsNothing) {
     EXPECT_FALSE(socket.isOk());
 }
 
-// --- adopted descriptors -------------------------------------------------------------------------------------
+// --- adopted descriptors
+// -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -879,7 +891,8 @@ TEST_F(UdpAdopted, countsAsBlockingWhateverItIs) {
     EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_NONBLOCK) << "the descriptor itself is left as it is";
     char* received = nullptr;
     EXPECT_EQ(socket.NwRecv(&received, nullptr), 0);
-    EXPECT_EQ(messages.warn(), systemReport("Network read error", EAGAIN)) << "an empty socket is reported until then";
+    EXPECT_EQ(messages.warn(), systemReport("Network read error", EAGAIN))
+        << "an empty socket is reported until then";
     socket.NwBecomeNonBlocking();
     EXPECT_EQ(socket.NwRecv(&received, nullptr), 0);
     EXPECT_EQ(messages.warn(), "");
@@ -911,7 +924,8 @@ TEST_F(UdpAdopted, closedDescriptorFails) {
             EXPECT_EQ(socket.writeFd(), -1);
             EXPECT_EQ(socket.port, 0);
             EXPECT_EQ(messages.info(), "");
-            EXPECT_EQ(messages.warn(), kNoBroadcast) << "the query for a device; the descriptor fails without a word";
+            EXPECT_EQ(messages.warn(), kNoBroadcast)
+                << "the query for a device; the descriptor fails without a word";
         }
     }
 }
@@ -971,7 +985,8 @@ TEST_F(UdpAdopted, unixDescriptorCountsAsAddressAndPortZero) {
     ::rmdir(directory);
 }
 
-// --- the end -------------------------------------------------------------------------------------------------
+// --- the end
+// -------------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, destructionSendsWhatWaitsThenCloses) {
     UdpPeer peer(kLoopback, port);
@@ -1024,7 +1039,8 @@ TEST_F(UdpSetup, cannotBeCopied) {
     static_assert(!std::is_copy_assignable<NwNetSocket>::value, "it owns a descriptor");
 }
 
-// --- operations on any descriptor ----------------------------------------------------------------------------
+// --- operations on any descriptor
+// ----------------------------------------------------------------------------
 
 TEST_F(UdpSetup, makeReusableSetsBothOptions) {
     const Descriptor fd(::socket(AF_INET, SOCK_DGRAM, 0));

@@ -106,7 +106,8 @@ TEST(SettingsAtLoad, failedOpeningAborts) {
 TEST(SettingsAtLoad, typesAreTheDocumentedPlainOnes) {
     static_assert(std::is_same<decltype(theMaxPacketSize), int>::value, "int");
     static_assert(std::is_same<decltype(NwSocket::theAreQuietSockets), bool>::value, "bool");
-    static_assert(std::is_same<decltype(NwNetSocket::theMaxSendRetries), unsigned int>::value, "unsigned int");
+    static_assert(std::is_same<decltype(NwNetSocket::theMaxSendRetries), unsigned int>::value,
+                  "unsigned int");
     static_assert(std::is_same<decltype(NwNetSocket::theSendRetryPeriod), double>::value, "double");
     static_assert(std::is_same<decltype(NwNetSocket::initErrorAction), int>::value, "int");
     SUCCEED();

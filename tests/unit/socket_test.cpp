@@ -37,7 +37,8 @@ struct Sent {
 };
 
 std::ostream& operator<<(std::ostream& out, const Sent& sent) {
-    return out << NwInetAddrString(sent.to) << " " << sent.bytes.size() << " bytes \"" << sent.bytes.substr(0, 20) << "\"";
+    return out << NwInetAddrString(sent.to) << " " << sent.bytes.size() << " bytes \""
+               << sent.bytes.substr(0, 20) << "\"";
 }
 
 typedef std::vector<Sent> Traffic;
@@ -48,8 +49,8 @@ class Opened : public Base {
 public:
     using Base::Base;
     using Base::blocking;
-    using Base::bundleSize;
     using Base::bundles;
+    using Base::bundleSize;
     using Base::bundling;
     using Base::exerciseIdTest;
     using Base::ipAddrTest;
@@ -70,7 +71,8 @@ public:
     int sendTo(char* buf, unsigned long len, unsigned int destAddr) override {
         if (whileSending) whileSending(destAddr);
         lengths.push_back(len);
-        if (len < 1000000) traffic.push_back({destAddr, std::string(buf, len)});  // the bytes of huge ones do not exist
+        if (len < 1000000)
+            traffic.push_back({destAddr, std::string(buf, len)});  // the bytes of huge ones do not exist
         const auto special = results.find(destAddr);
         const int result = special != results.end() ? special->second : static_cast<int>(len);
         if (result >= 0 && len < 1000000) taken.push_back(traffic.back());
@@ -214,7 +216,9 @@ public:
 template <class Transport>
 class Bundling : public testing::Test {
 protected:
-    int send(std::size_t count, char letter, NwIpv4Addr to) { return give(socket(), bytes(count, letter), to); }
+    int send(std::size_t count, char letter, NwIpv4Addr to) {
+        return give(socket(), bytes(count, letter), to);
+    }
     NwSocket& socket() { return transport.socket; }
     std::string pending(NwIpv4Addr to) {
         const std::vector<char>& bundle = Bundles::of(socket()).at(to);
@@ -323,7 +327,10 @@ TYPED_TEST(Bundling, largePacketLeavesAfterAllThatWaitsAndItsOwnResultCounts) {
     this->send(30, 'b', kNear);
     this->send(40, 'c', kFarthest);
     EXPECT_EQ(this->send(1400, 'd', kFar), 1400) << "what was flushed before is not in the result";
-    this->expectSent({{kNear, bytes(30, 'b')}, {kFar, bytes(20, 'a')}, {kFarthest, bytes(40, 'c')}, {kFar, bytes(1400, 'd')}});
+    this->expectSent({{kNear, bytes(30, 'b')},
+                      {kFar, bytes(20, 'a')},
+                      {kFarthest, bytes(40, 'c')},
+                      {kFar, bytes(1400, 'd')}});
 }
 
 TYPED_TEST(Bundling, largePacketWithoutBundleOfItsOwnLeavesOthersWaiting) {
@@ -442,7 +449,9 @@ TYPED_TEST(Bundling, everyByteLeavesOnceAndInOrder) {
         const std::string packet = pdu(12 + i * 137 % 1500, i);
         given += packet;
         EXPECT_GE(give(this->socket(), packet, kNear), 0);
-        if (i % 20 == 0) { EXPECT_EQ(this->socket().flush(), 1); }
+        if (i % 20 == 0) {
+            EXPECT_EQ(this->socket().flush(), 1);
+        }
     }
     EXPECT_EQ(this->socket().flush(), 1);
 
@@ -465,7 +474,8 @@ TYPED_TEST(Bundling, everyByteLeavesOnceAndInOrder) {
     this->expectSent(expected);
 }
 
-// --- the same two: failing -----------------------------------------------------------------------------------
+// --- the same two: failing
+// -----------------------------------------------------------------------------------
 
 TYPED_TEST(Bundling, failureOfTheFirstKeepsEverything) {
     REQUIRE_BREAKABLE_NETWORK();
@@ -573,7 +583,8 @@ TYPED_TEST(Bundling, negativeSizeNeverFlushesWhatAFailureLeft) {
     EXPECT_EQ(this->pending(kFragile), bytes(10, 'a'));
 }
 
-// --- UDP only ------------------------------------------------------------------------------------------------
+// --- UDP only
+// ------------------------------------------------------------------------------------------------
 
 TEST(BundlingOverUdp, bundleTooLargeForADatagramIsReportedAndKept) {
     PacketSize large(100000);
@@ -602,7 +613,8 @@ TEST(BundlingOverUdp, packetTooLargeForADatagramIsReportedByTheTransport) {
     EXPECT_EQ(wire.take(1), (Traffic{{kNear, bytes(65507, 'a')}}));
 }
 
-// --- what a transport answers --------------------------------------------------------------------------------
+// --- what a transport answers
+// --------------------------------------------------------------------------------
 
 TEST(NwSend, withBundlingOffReturnsExactlyWhatSendToReturns) {
     Recorder socket;
@@ -727,7 +739,8 @@ TEST(Flush, printsNothingItself) {
     EXPECT_EQ(messages.all(), "");
 }
 
-// --- through the virtual table -------------------------------------------------------------------------------
+// --- through the virtual table
+// -------------------------------------------------------------------------------
 
 namespace {
 
@@ -833,7 +846,8 @@ TEST(VirtualCalls, nothingIsFlushedWhileThePacketFitsOrItsBundleIsEmpty) {
     EXPECT_EQ(socket.log, Log());
 }
 
-// --- a transport that calls back -----------------------------------------------------------------------------
+// --- a transport that calls back
+// -----------------------------------------------------------------------------
 
 TEST(Reentrancy, packetsForOtherDestinationsAreKeptOrLeaveWithTheSameFlush) {
     Recorder socket;
@@ -850,7 +864,8 @@ TEST(Reentrancy, packetsForOtherDestinationsAreKeptOrLeaveWithTheSameFlush) {
     EXPECT_EQ(socket.flush(sent), 1);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(sent, 8);
-    EXPECT_EQ(socket.take(), (Traffic{{5, "five"}, {9, "nine"}})) << "lower addresses wait for the next flush";
+    EXPECT_EQ(socket.take(), (Traffic{{5, "five"}, {9, "nine"}}))
+        << "lower addresses wait for the next flush";
     socket.whileSending = nullptr;
     EXPECT_EQ(socket.flush(), 1);
     EXPECT_EQ(socket.take(), (Traffic{{3, "three"}}));
@@ -869,7 +884,8 @@ TEST(Reentrancy, manyNewDestinationsDuringAFlushLeaveInOrder) {
     for (std::size_t i = 0; i < traffic.size(); ++i) EXPECT_EQ(traffic[i].to, i + 1);
 }
 
-// --- memory --------------------------------------------------------------------------------------------------
+// --- memory
+// --------------------------------------------------------------------------------------------------
 
 TEST(BundleMemory, isReservedOnceToTheLargestPacketAndKeptByClearing) {
     Recorder socket;
@@ -952,11 +968,13 @@ TEST(BundleMemory, moreThanMemoryHoldsIsAFailureAndNoException) {
     EXPECT_EQ(child.exitStatus, 0) << child.output;
 }
 
-// --- lengths beyond all bounds ---------------------------------------------------------------------------------
+// --- lengths beyond all bounds
+// ---------------------------------------------------------------------------------
 
 TEST(HugePackets, neverGoIntoABundle) {
-    for (unsigned long length : {0x7FFFFFFFul, 0x80000000ul, 0x80000001ul, 0xFFFFFFFFul, 0x100000000ul, 0x100000003ul,
-                                 0x7FFFFFFFFFFFFFFFul, 0x8000000000000000ul, ULONG_MAX - 1, ULONG_MAX}) {
+    for (unsigned long length :
+         {0x7FFFFFFFul, 0x80000000ul, 0x80000001ul, 0xFFFFFFFFul, 0x100000000ul, 0x100000003ul,
+          0x7FFFFFFFFFFFFFFFul, 0x8000000000000000ul, ULONG_MAX - 1, ULONG_MAX}) {
         Recorder socket;
         socket.setBundling(1400);
         socket.results[1] = 11;
@@ -979,7 +997,8 @@ TEST(HugePackets, neverGoIntoABundleOfNegativeSize) {
 }
 
 TEST(HugePackets, sumsWithTheBundleDoNotWrap) {
-    for (unsigned long length : {ULONG_MAX, ULONG_MAX - 5, ULONG_MAX - 9, 0xFFFFFFFFul, 0xFFFFFFFAul, 0x100000000ul}) {
+    for (unsigned long length :
+         {ULONG_MAX, ULONG_MAX - 5, ULONG_MAX - 9, 0xFFFFFFFFul, 0xFFFFFFFAul, 0x100000000ul}) {
         Recorder socket;
         socket.setBundling(1400);
         give(socket, "0123456789", 1);
@@ -990,7 +1009,8 @@ TEST(HugePackets, sumsWithTheBundleDoNotWrap) {
     }
 }
 
-// --- life ------------------------------------------------------------------------------------------------------
+// --- life
+// ------------------------------------------------------------------------------------------------------
 
 TEST(BaseSocket, fieldsStartAsDocumented) {
     Recorder socket;
@@ -1077,7 +1097,8 @@ TEST(BaseSocket, filterAccessorsLendTheFields) {
     EXPECT_EQ(&socket.ipAddr(), &socket.ipAddrTest);
 }
 
-// --- kernel buffers ----------------------------------------------------------------------------------------------
+// --- kernel buffers
+// ----------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -1148,7 +1169,8 @@ TEST(KernelBuffers, udpSocketsSetThoseOfTheirOpenSides) {
     EXPECT_EQ(reader.setSendBufferSize(20000), -1);
 }
 
-// --- header filters ----------------------------------------------------------------------------------------------
+// --- header filters
+// ----------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -1207,7 +1229,8 @@ TEST(Accept, withoutFiltersEverythingPasses) {
 TEST(Accept, asksVersionExerciseTypeAddressInThisOrder) {
     Questioned socket;
     EXPECT_TRUE(socket.accept(theHeader, 0xC0A80114u));
-    EXPECT_EQ(socket.log, (Log{"version byte 7", "exercise byte 3", "kind byte 1", "address int 3232235796"}));
+    EXPECT_EQ(socket.log,
+              (Log{"version byte 7", "exercise byte 3", "kind byte 1", "address int 3232235796"}));
     EXPECT_EQ(socket.address.wasOffset, 0);
 }
 
@@ -1261,7 +1284,8 @@ TEST(Accept, addressIsComparedInHostOrderAndTheBytesWithoutSign) {
 TEST(Accept, readsThreeBytesOfThePacketAndChangesNone) {
     Recorder socket;
     unsigned int none[] = {99};
-    for (NwFilterTest* filter : {&socket.protocolVersion(), &socket.exerciseId(), &socket.pduKind(), &socket.ipAddr()})
+    for (NwFilterTest* filter :
+         {&socket.protocolVersion(), &socket.exerciseId(), &socket.pduKind(), &socket.ipAddr()})
         filter->setTest(NwTestExclude, 1, none);
     const std::unique_ptr<char[]> header(new char[3]);  // the address sanitizer guards what follows
     header[0] = 7;
@@ -1271,7 +1295,8 @@ TEST(Accept, readsThreeBytesOfThePacketAndChangesNone) {
     EXPECT_EQ(std::memcmp(header.get(), theHeader, 3), 0);
 }
 
-// --- header filters on real datagrams ------------------------------------------------------------------------------
+// --- header filters on real datagrams
+// ------------------------------------------------------------------------------
 //
 // The UDP socket itself and a class derived from it must answer alike.
 
@@ -1372,8 +1397,8 @@ TYPED_TEST(FiltersOverUdp, everyWayToChangeATestCountsAtOnce) {
 
 TYPED_TEST(FiltersOverUdp, allFourMustPass) {
     unsigned int fields[] = {7, 3, 1, kNear};
-    NwFilterTest* const filters[] = {&this->socket.protocolVersion(), &this->socket.exerciseId(), &this->socket.pduKind(),
-                                     &this->socket.ipAddr()};
+    NwFilterTest* const filters[] = {&this->socket.protocolVersion(), &this->socket.exerciseId(),
+                                     &this->socket.pduKind(), &this->socket.ipAddr()};
     for (int i = 0; i < 4; ++i) filters[i]->setTest(NwTestInclude, 1, &fields[i]);
     EXPECT_EQ(this->status(), kDelivered);
     for (int i = 0; i < 4; ++i) {
