@@ -8,4 +8,7 @@ build=$1
 shift
 "$build/bench/udp_bench" "$@"
 echo
+"$build/bench/async_bench"
+"$build/bench/transports_bench"
+echo
 "$(dirname "$0")/instructions.sh" "$build"

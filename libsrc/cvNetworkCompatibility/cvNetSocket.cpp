@@ -461,6 +461,13 @@ int NwNetSocket::recvFromNet(char** buf) {
     return length;
 }
 
+void NwNetSocket::landDatagram(const char* bytes, int length, NwIpv4Addr source, int sourcePort) {
+    const std::size_t count = static_cast<std::size_t>(NwMin(max0(length), max0(bufferSize)));
+    if (count) std::memcpy(recvBuffer.get(), bytes, count);  // an empty one may have no bytes to point at
+    std::memset(recvBuffer.get() + count, 0, kSlack);
+    setInetAddr(*sourceSockAddr, source, sourcePort);
+}
+
 bool NwNetSocket::isOwnPacket(int ownPort) const {
     return ntohl(sourceSockAddr->sin_addr.s_addr) == nwSetting(mcastDevice_) &&
            ntohs(sourceSockAddr->sin_port) == ownPort;

@@ -217,6 +217,9 @@ protected:
     // Moves pending packets aside, once, before a read overwrites them: the first call of an override of
     // recvFromNet. False when there is no memory for them; then do not read.
     bool keepPendingPackets();
+    // For such overrides: copies a datagram into recvBuffer, as much as fits, and notes its sender (host
+    // byte order). Call keepPendingPackets first.
+    void landDatagram(const char* bytes, int length, NwIpv4Addr source, int sourcePort);
 
     int port;                            // local port, and destination port of sends unless sendPort is set
     int filterPort;                      // see setFilterPort

@@ -8,10 +8,12 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <stdexcept>
 
+#include <cvutil/cvMath.h>
 #include <cvutil/cvOutput.h>
 
 #include "cvDisHeader.h"
@@ -274,4 +276,50 @@ bool NwSocket::ownTestsAccept(char* pdu, unsigned int srcAddr) {
            exerciseIdTest.NwFilterTest::evalTest(pdu, kDisExerciseOffset, NwFilterByte) &&
            pduKindTest.NwFilterTest::evalTest(pdu, kDisTypeOffset, NwFilterByte) &&
            ipAddrTest.NwFilterTest::evalTest(reinterpret_cast<char*>(&srcAddr), 0, NwFilterInt32);
+}
+
+// --- queue socket ----------------------------------------------------------------------------------------
+
+NwQueueSocket::NwQueueSocket() : recvBufferSize(NwMaxPacketSize()) {
+    recvBuffer.reset(new (std::nothrow) char[static_cast<std::size_t>(NwMax(recvBufferSize, 1))]);
+}
+
+// Meant: records that are still queued, and their bytes, are not freed.
+NwQueueSocket::~NwQueueSocket() {
+    recvBuffer.reset();
+}
+
+int NwQueueSocket::sendTo(char* buf, unsigned long len, unsigned int /*addr*/) {
+    if (len > INT_MAX) return -1;
+    char* copy = static_cast<char*>(std::malloc(len ? len : 1));
+    NwQueuedPacket* packet = copy ? new (std::nothrow) NwQueuedPacket : nullptr;
+    if (!packet || !queue.addToEnd(packet)) {
+        delete packet;
+        std::free(copy);
+        return -1;
+    }
+    packet->size = static_cast<int>(len);
+    packet->data = copy;
+    if (len) std::memcpy(copy, buf, len);
+    return static_cast<int>(len);
+}
+
+int NwQueueSocket::NwRecv(char** buf, int* status) {
+    const unsigned long room = static_cast<unsigned long>(NwMax(recvBufferSize, 0));
+    const int length = recvBuffer ? NwRecv(recvBuffer.get(), room) : 0;  // nothing to lend: packets stay
+    *buf = length ? recvBuffer.get() : nullptr;
+    if (status) *status = length ? 1 : 0;
+    return length;
+}
+
+int NwQueueSocket::NwRecv(char* buf, unsigned long maxLen) {
+    NwListItem* oldest = queue.first();
+    if (!oldest) return 0;
+    NwQueuedPacket* packet = static_cast<NwQueuedPacket*>(queue.remove(oldest));
+    const int length = packet->size;
+    const std::size_t count = NwMin(static_cast<unsigned long>(length), maxLen);
+    if (count) std::memcpy(buf, packet->data, count);
+    std::free(packet->data);
+    delete packet;
+    return length;
 }

@@ -9,6 +9,7 @@
 #include <cvutil/cvList.h>
 
 #include <map>
+#include <memory>
 #include <vector>
 
 struct ifconf;
@@ -147,7 +148,8 @@ public:
     virtual int NwRecv(char** buf, int* status) = 0;
 
     // Receives one packet into the caller's storage, at most len bytes of it. Returns the packet's full
-    // length, so that a result above len tells of truncation; 0 when nothing was delivered.
+    // length, so that a result above len tells of truncation (the pair socket returns what it copied); 0
+    // when nothing was delivered. What does not fit is lost.
     virtual int NwRecv(char* buf, unsigned long len) = 0;
 
     // Sends every bundle that waits, in ascending order of destination. Returns 1, or -1 when a send
@@ -173,7 +175,8 @@ public:
 
     // The sender of the last datagram received, in host byte order; 0 where a transport has none.
     virtual NwIpv4Addr lastSourceInetAddr();
-    // How many packets (for UDP: datagrams) were received, refused ones included.
+    // How many packets were received. UDP counts datagrams, refused ones included; the pair socket counts the
+    // packets that pass the filters; the queue socket does not count.
     virtual int NwReportPktsRcvd();
     // Makes receives (and sends) return at once instead of waiting; sockets block by default. Always 0. Only
     // for a socket that has a descriptor: a failure is NwFatalPerror("non-blocking"), which ends the process;
@@ -253,6 +256,44 @@ private:
 
     // The bundle that NwSend used last: most senders have one destination.
     BundleMap::value_type* lastBundle;
+};
+
+// One packet of a queue socket.
+struct NwQueuedPacket {
+    int size;    // bytes
+    char* data;  // its own copy, from malloc
+};
+
+// An in-process loopback: what is sent comes back out, in order. For running packet paths with no network.
+//
+//     NwQueueSocket socket;
+//     socket.NwSend(pdu, 144, NwUSE_DEFAULT_IP_ADDR);
+//     char* packet = nullptr;
+//     int length = socket.NwRecv(&packet, nullptr);    // 144
+//     length = socket.NwRecv(&packet, nullptr);        // 0: empty
+//
+// Destinations are ignored, filters do not apply, packets are not counted. With bundling on a bundle is
+// queued, and comes back, as one packet. The queue has no limit and no lock. Packets that are still queued
+// when the socket is destroyed are not freed, as documented: receive them first. Prints nothing.
+class CVNC_API NwQueueSocket : public NwSocket {
+public:
+    NwQueueSocket();
+    ~NwQueueSocket() override;
+
+    // Appends a copy. Returns len, or -1 when memory does not hold the copy or len is above INT_MAX.
+    int sendTo(char* buf, unsigned long len, unsigned int addr) override;
+    // Lends the oldest packet, and returns its full length even when the buffer, of the NwMaxPacketSize()
+    // that held at construction, is shorter: bytes beyond it are not there. Status 1; 0 for an empty queue
+    // or, indistinguishable, a packet of no bytes.
+    int NwRecv(char** buf, int* status) override;
+    // Removes the oldest packet, copies at most maxLen bytes of it and returns its full length: a result
+    // above maxLen tells of truncation, and the excess is lost.
+    int NwRecv(char* buf, unsigned long maxLen) override;
+
+protected:
+    NwList queue;  // of NwQueuedPacket*, oldest first
+    std::unique_ptr<char[]> recvBuffer;
+    int recvBufferSize;  // NwMaxPacketSize() at construction, as given
 };
 
 #endif

@@ -4,12 +4,17 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <type_traits>
 #include <vector>
 
+#include <cvNetworkCompatibility/cvAsyncSocket.h>
+#include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
+#include <cvNetworkCompatibility/cvPairSock.h>
 #include <cvNetworkCompatibility/cvSocket.h>
 
 namespace {
@@ -124,6 +129,88 @@ public:
     }
 };
 
+class QueueSocketFields : public NwQueueSocket {
+public:
+    static std::vector<Field> all() {
+        typedef NwQueueSocket Owner;
+        typedef QueueSocketFields Probe;
+        Probe probe;
+        return {FIELD(NwList, queue), FIELD(std::unique_ptr<char[]>, recvBuffer), FIELD(int, recvBufferSize)};
+    }
+};
+
+class PairSocketFields : public NwSocketPairSocket {
+public:
+    PairSocketFields() : NwSocketPairSocket(-1) {}
+
+    static std::vector<Field> all() {
+        typedef NwSocketPairSocket Owner;
+        typedef PairSocketFields Probe;
+        typedef char Landing[1500];
+        Probe probe;
+        return {FIELD(int, fd), FIELD(int, peerFd), FIELD(Landing, buffer)};
+    }
+};
+
+class GroupSocketFields : public NwGroupSocket {
+public:
+    GroupSocketFields()
+        : NwGroupSocket(0, loopbackAddr, (unsigned char)NwNetSocketQuietStart, loopbackAddr) {}
+
+    static std::vector<Field> all() {
+        typedef NwGroupSocket Owner;
+        typedef GroupSocketFields Probe;
+        Probe probe;
+        return {FIELD(NwList, remoteSites)};
+    }
+};
+
+class AsyncPacketFields : public NwAsyncSocketPacket {
+public:
+    static std::vector<Field> all() {
+        typedef NwAsyncSocketPacket Owner;
+        typedef AsyncPacketFields Probe;
+        Probe probe;
+        return {FIELD(int, mySize), FIELD(std::vector<char>, myData), FIELD(unsigned int, myAddr),
+                FIELD(NwIpv4Addr, mySourceAddr), FIELD(int, mySourcePort)};
+    }
+};
+
+class WaitFields : public NwSelectParamWithWrite {
+public:
+    static std::vector<Field> all() {
+        typedef NwSelectParamWithWrite Owner;
+        typedef WaitFields Probe;
+        Probe probe;
+        return {FIELD(int, myHighest), FIELD(fd_set, myReadSet), FIELD(fd_set, myWriteSet),
+                FIELD(fd_set, myReadyToRead), FIELD(fd_set, myReadyToWrite)};
+    }
+};
+
+// Looked at on an object of the library's own class: its workers run while it lives.
+class AsyncSocketFields : public NwAsyncNetSocket {
+public:
+    static std::vector<Field> all() {
+        typedef NwAsyncNetSocket Owner;
+        typedef AsyncSocketFields Probe;
+        typedef NwThreadSafe<Packets> Queue;
+        typedef int Pipe[2];
+        NwSocket::setQuietSockets(true);
+        NwAsyncNetSocket probe(0, loopbackAddr, (unsigned char)NwNetSocketQuietStart, loopbackAddr);
+        NwSocket::setQuietSockets(false);
+        return {FIELD(std::atomic<bool>, myUsingAsyncSend),
+                FIELD(std::atomic<bool>, myUsingAsyncReceive),
+                FIELD(Queue, mySendQueue),
+                FIELD(Queue, myReceiveQueue),
+                FIELD(std::atomic<bool>, myStopSend),
+                FIELD(std::atomic<bool>, myStopReceive),
+                FIELD(std::unique_ptr<char[]>, myRecvBuffer),
+                FIELD(pthread_t, mySendThread),
+                FIELD(pthread_t, myReceiveThread),
+                FIELD(Pipe, myPipe)};
+    }
+};
+
 }  // namespace
 
 TEST(FieldOrder, ofTheFilterTest) {
@@ -138,6 +225,36 @@ TEST(FieldOrder, ofTheUdpSocket) {
     expectInOrder(NetSocketFields::all(), sizeof(NwSocket), sizeof(NwNetSocket));
 }
 
+TEST(FieldOrder, ofTheQueueSocket) {
+    expectInOrder(QueueSocketFields::all(), sizeof(NwSocket), sizeof(NwQueueSocket));
+}
+
+TEST(FieldOrder, ofTheQueuedPacket) {
+    EXPECT_EQ(offsetof(NwQueuedPacket, size), 0u);
+    EXPECT_EQ(offsetof(NwQueuedPacket, data), sizeof(char*));
+    EXPECT_EQ(sizeof(NwQueuedPacket), 2 * sizeof(char*));
+}
+
+TEST(FieldOrder, ofThePairSocket) {
+    expectInOrder(PairSocketFields::all(), sizeof(NwSocket), sizeof(NwSocketPairSocket));
+}
+
+TEST(FieldOrder, ofTheGroupSocket) {
+    expectInOrder(GroupSocketFields::all(), sizeof(NwNetSocket), sizeof(NwGroupSocket));
+}
+
+TEST(FieldOrder, ofTheAsynchronousSocketsPacket) {
+    expectInOrder(AsyncPacketFields::all(), kVirtualTablePointer, sizeof(NwAsyncSocketPacket));
+}
+
+TEST(FieldOrder, ofTheDescriptorsToWaitOn) {
+    expectInOrder(WaitFields::all(), 0, sizeof(NwSelectParamWithWrite));
+}
+
+TEST(FieldOrder, ofTheAsynchronousSocket) {
+    expectInOrder(AsyncSocketFields::all(), sizeof(NwNetSocket), sizeof(NwAsyncNetSocket));
+}
+
 // A derived class's own fields lie behind these. Counted by hand from the fields, for 64-bit machines and the
 // containers of libstdc++.
 TEST(ClassSizes, stayWhatTheyAre) {
@@ -149,6 +266,15 @@ TEST(ClassSizes, stayWhatTheyAre) {
     EXPECT_EQ(sizeof(NwNetSocket), sizeof(NwSocket) + 4 * 4u + 3 * 8u + 10 * 4u + 4u /*bool, padding*/ +
                                        4 * 4u + 4u /*bool, padding*/ + 2 * 8u + 8u /*mode, padding*/ +
                                        2 * 8u /*kept packets and their sender*/);
+    EXPECT_EQ(sizeof(NwQueueSocket), sizeof(NwSocket) + sizeof(NwList) + 8u + 4u + 4u /*padding*/);
+    EXPECT_EQ(sizeof(NwSocketPairSocket), sizeof(NwSocket) + 2 * 4u + 1500u + 4u /*padding*/);
+    EXPECT_EQ(sizeof(NwGroupSocket), sizeof(NwNetSocket) + sizeof(NwList));
+    EXPECT_EQ(sizeof(NwAsyncSocketPacket), 8u + 4u + 4u /*padding*/ + 24u + 3 * 4u + 4u /*padding*/);
+    EXPECT_EQ(sizeof(NwSelectParamWithWrite), 4u + 4u /*padding*/ + 4 * 128u);
+    const std::size_t kMutex = 40, kQueue = 80 + 2 * kMutex;
+    EXPECT_EQ(sizeof(NwAsyncNetSocket), sizeof(NwNetSocket) + 8u /*switches, padding*/ + 2 * kQueue +
+                                            8u /*stop requests, padding*/ + 8u + 2 * 8u + 2 * 4u +
+                                            8u /*flags of ours, padding*/ + kMutex + 8u /*flag, padding*/);
 #else
     GTEST_SKIP() << "counted for 64-bit machines and libstdc++";
 #endif

@@ -117,7 +117,62 @@ const ClassSlots kNetSocket = {"NwNetSocket",
                                    "isOk() const",
                                }};
 
-const ClassSlots kClasses[] = {kFilterTest, kSocket, kNetSocket};
+const ClassSlots kQueueSocket = {"NwQueueSocket",
+                                 &kSocket,
+                                 {},
+                                 {
+                                     "sendTo(char*, unsigned long, unsigned int)",
+                                     "NwRecv(char**, int*)",
+                                     "NwRecv(char*, unsigned long)",
+                                 }};
+
+const ClassSlots kPairSocket = {"NwSocketPairSocket",
+                                &kSocket,
+                                {},
+                                {
+                                    "sendTo(char*, unsigned long, unsigned int)",
+                                    "NwRecv(char**, int*)",
+                                    "NwRecv(char*, unsigned long)",
+                                    "NwBecomeNonBlocking()",
+                                    "readFd()",
+                                    "writeFd()",
+                                }};
+
+const ClassSlots kGroupSocket = {"NwGroupSocket",
+                                 &kNetSocket,
+                                 {
+                                     "removeAllRemoteSites()",
+                                     "addRemoteSite(unsigned int)",
+                                     "removeRemoteSite(unsigned int)",
+                                     "sendToAllRemoteSites(char*, unsigned long, unsigned int)",
+                                     "remoteSitesList() const",
+                                 },
+                                 {
+                                     "NwSend(char*, unsigned long, unsigned int)",
+                                 }};
+
+const ClassSlots kAsyncPacket = {"NwAsyncSocketPacket", nullptr, {}, {}};
+
+const ClassSlots kAsyncSocket = {"NwAsyncNetSocket",
+                                 &kNetSocket,
+                                 {
+                                     "directSendTo(char*, unsigned long, unsigned int)",
+                                     "usingAsyncSend() const",
+                                     "setUsingAsyncSend(bool)",
+                                     "usingAsyncReceive() const",
+                                     "setUsingAsyncReceive(bool)",
+                                     "workerSendThread()",
+                                     "workerReceiveThread()",
+                                     "processSendQueue()",
+                                     "processReceiveQueue()",
+                                 },
+                                 {
+                                     "sendTo(char*, unsigned long, unsigned int)",
+                                     "recvFromNet(char**)",
+                                 }};
+
+const ClassSlots kClasses[] = {kFilterTest, kSocket,      kNetSocket,   kQueueSocket,
+                               kPairSocket, kGroupSocket, kAsyncPacket, kAsyncSocket};
 
 struct Slot {
     std::string operation;

@@ -5,6 +5,26 @@
 
 #include <cstring>
 
+std::string TextBuffer::take() {
+    const std::lock_guard<std::mutex> lock(myMutex);
+    std::string text;
+    text.swap(myText);
+    return text;
+}
+
+TextBuffer::int_type TextBuffer::overflow(int_type c) {
+    if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+    const char letter = traits_type::to_char_type(c);
+    xsputn(&letter, 1);
+    return c;
+}
+
+std::streamsize TextBuffer::xsputn(const char* text, std::streamsize length) {
+    const std::lock_guard<std::mutex> lock(myMutex);
+    myText.append(text, static_cast<std::size_t>(length));
+    return length;
+}
+
 Messages::Messages()
     : myOldInfo(NwInfo.rdbuf(&myInfo)),
       myOldWarn(NwWarn.rdbuf(&myWarn)),
@@ -20,12 +40,6 @@ Messages::~Messages() {
     NwWarn.rdbuf(myOldWarn);
     NwVerbose.rdbuf(myOldVerbose);
     NwDebug.rdbuf(myOldDebug);
-}
-
-std::string Messages::take(std::stringbuf& buffer) {
-    const std::string text = buffer.str();
-    buffer.str(std::string());
-    return text;
 }
 
 Quiet::Quiet() {

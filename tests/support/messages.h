@@ -5,8 +5,24 @@
 
 #include <cvutil/cvOutput.h>
 
-#include <sstream>
+#include <mutex>
+#include <streambuf>
 #include <string>
+
+// What a stream writes, to be taken while worker threads go on writing.
+class TextBuffer : public std::streambuf {
+public:
+    // What came since the last call.
+    std::string take();
+
+protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* text, std::streamsize length) override;
+
+private:
+    std::mutex myMutex;
+    std::string myText;
+};
 
 // While it lives, the four streams write here, at the most talkative level; afterwards as before.
 class Messages {
@@ -17,17 +33,15 @@ public:
     Messages& operator=(const Messages&) = delete;
 
     // What was written since the last call for that stream.
-    std::string info() { return take(myInfo); }
-    std::string warn() { return take(myWarn); }
-    std::string verbose() { return take(myVerbose); }
-    std::string debug() { return take(myDebug); }
+    std::string info() { return myInfo.take(); }
+    std::string warn() { return myWarn.take(); }
+    std::string verbose() { return myVerbose.take(); }
+    std::string debug() { return myDebug.take(); }
     // Everything, in the order info, warn, verbose, debug.
     std::string all() { return info() + warn() + verbose() + debug(); }
 
 private:
-    static std::string take(std::stringbuf& buffer);
-
-    std::stringbuf myInfo, myWarn, myVerbose, myDebug;
+    TextBuffer myInfo, myWarn, myVerbose, myDebug;
     std::streambuf *myOldInfo, *myOldWarn, *myOldVerbose, *myOldDebug;
     int myOldLevel;
 };

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Every transport behind one set of verbs, for the contract suite. A transport joins by a link of a dozen
+// lines and a row in the table of differences:
+//
+//     struct XyzLink {
+//         static const Differences& is();     // its row
+//         NwSocket& out();                    // a socket that sends, made when first asked for
+//         NwSocket& in();                     // a non-blocking socket that receives
+//         std::string wire();                 // the next datagram (or message) that left out(); waits for it
+//         bool wireIsEmpty();                 // whether nothing more left it
+//         void feed(const std::string&);      // one datagram for in(), there to be received on return
+//         void close();                       // destroys out()
+//         bool breakWire();                   // from now on sends fail; false where none ever does
+//     };
+#ifndef CVNC_TESTS_TRANSPORTS_H
+#define CVNC_TESTS_TRANSPORTS_H
+
+#include <cvNetworkCompatibility/cvGroupSocket.h>
+#include <cvNetworkCompatibility/cvNetSocket.h>
+#include <cvNetworkCompatibility/cvPairSock.h>
+#include <cvNetworkCompatibility/cvSocket.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "async_peek.h"
+#include "network.h"
+
+// What differs between transports, and nothing else does. Each column has its test in the contract suite; a
+// column is added when a new transport is the first to differ in it.
+struct Differences {
+    const char* transport;
+    bool counts;               // NwReportPktsRcvd grows with what is received
+    bool countsRefused;        // also with what the filters refuse
+    bool filters;              // the four filter tests are asked
+    bool copyTellsFullLength;  // of a packet that was cut; else the length that was copied
+    int longestLent;           // more is cut; 0: the full length is told, whatever the buffer holds
+    bool sendsEmptyPackets;    // else they do not leave
+    int emptyStatus;           // of a packet of no bytes that was received; the result is 0, the pointer null
+    bool heedsDestination;     // NwSend sends where it is told to
+    bool splitsBundles;        // a bundle comes in as the packets it is made of
+    bool knowsSource;          // lastSourceInetAddr
+    bool hasDescriptor;
+    bool tellsFailure;     // sendTo's result says whether the network took the packet
+    bool flushesAtTheEnd;  // else what waits in bundles goes with the socket
+};
+
+// clang-format off
+//                              counts refused filters full   longest empty  empty   heeds  splits knows  descr. tells   flushes
+//                                                     length lent    leaves status  dest.         source        failure at end
+const Differences kQueueIs = {"queue", false, false, false, true,  0,     true,  0, true,  false, false, false, false, false};
+const Differences kPairIs  = {"pair",  true,  false, true,  false, 1500,  true,  1, true,  false, false, true,  true,  false};
+const Differences kUdpIs   = {"UDP",   true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  true,  true};
+const Differences kAsyncIs = {"async", true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  false, true};
+const Differences kGroupIs = {"group", true,  true,  true,  true,  15000, false, 0, false, true,  true,  true,  true,  true};
+// clang-format on
+
+const NwIpv4Addr kUnreachable = 0x0A090901u;  // no route leads there in a private network
+
+// A socket that is its own other end.
+struct QueueLink {
+    static const Differences& is() { return kQueueIs; }
+    NwSocket& out() { return *socket; }
+    NwSocket& in() { return *socket; }
+    std::string wire() {
+        std::vector<char> bytes(70000);
+        const int length = socket->NwRecv(bytes.data(), bytes.size());
+        return std::string(bytes.data(), static_cast<std::size_t>(length));
+    }
+    bool wireIsEmpty() { return socket->NwRecv(nullptr, 0ul) == 0; }
+    void feed(std::string bytes) { socket->sendTo(&bytes[0], bytes.size(), 0); }
+    void close() { socket.reset(); }
+    static bool breakWire() { return false; }
+
+    std::unique_ptr<NwQueueSocket> socket{new NwQueueSocket};
+};
+
+struct PairLink {
+    static const Differences& is() { return kPairIs; }
+    ~PairLink() { release(); }
+    NwSocket& out() { return *socket; }
+    NwSocket& in() {
+        socket->NwBecomeNonBlocking();
+        return *socket;
+    }
+    std::string wire() {
+        std::vector<char> bytes(70000);
+        const ssize_t length = ::recv(peer, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (length < 0) ADD_FAILURE() << "no datagram came";
+        return std::string(bytes.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    }
+    bool wireIsEmpty() { return !waitReadable(peer, 0); }
+    void feed(const std::string& bytes) { ::send(peer, bytes.data(), bytes.size(), 0); }
+    void close() { socket.reset(); }
+    bool breakWire() {
+        ::close(peer);
+        peer = -1;
+        return true;
+    }
+    void release() {
+        ::close(peer);
+        ::close(end);
+    }
+
+    std::unique_ptr<NwSocketPairSocket> socket{new NwSocketPairSocket};
+    int peer = socket->peerDescriptor();
+    int end = socket->readFd();  // a pair socket closes neither
+};
+
+// What the UDP classes share: a raw peer on loopback for each direction.
+template <class Socket>
+struct UdpLinkOf {
+    NwSocket& out() {
+        if (!sender) sender.reset(new Socket(far.port(), kLoopback, (unsigned char)18, kLoopback));
+        return *sender;
+    }
+    NwSocket& in() {
+        if (!receiver) {
+            // Read, bound to the address, quietly.
+            receiver.reset(new Socket(0, kLoopback, (unsigned char)25, kLoopback));
+            receiver->NwBecomeNonBlocking();
+            receiver->setReceiveBufferSize(1 << 20);
+        }
+        return *receiver;
+    }
+    std::string wire() { return far.receive(); }
+    bool wireIsEmpty() { return far.isEmpty(); }
+    void feed(const std::string& bytes) { near.send(bytes, boundPort(in().readFd())); }
+    void close() { sender.reset(); }
+    static bool breakWire() { return hasPrivateNetwork(); }  // else kUnreachable may be in reach
+
+    UdpPeer far{0}, near;
+    std::unique_ptr<Socket> sender, receiver;
+};
+
+struct UdpLink : UdpLinkOf<NwNetSocket> {
+    static const Differences& is() { return kUdpIs; }
+};
+
+struct AsyncLink : UdpLinkOf<NwAsyncNetSocket> {
+    static const Differences& is() { return kAsyncIs; }
+    bool wireIsEmpty() {
+        eventually([&] { return AsyncPeek::unsent(*sender) == 0; });
+        return far.isEmpty();
+    }
+    void feed(const std::string& bytes) {
+        in();
+        const std::size_t before = AsyncPeek::received(*receiver);
+        UdpLinkOf::feed(bytes);
+        EXPECT_TRUE(eventually([&] { return AsyncPeek::received(*receiver) > before; }));
+    }
+};
+
+// One site, so that it can be held against the others.
+struct GroupLink : UdpLinkOf<NwGroupSocket> {
+    static const Differences& is() { return kGroupIs; }
+    NwSocket& out() {
+        if (!sender) {
+            UdpLinkOf::out();
+            sender->addRemoteSite(kLoopback);
+        }
+        return *sender;
+    }
+    bool breakWire() {
+        out();
+        sender->removeAllRemoteSites();
+        sender->addRemoteSite(kUnreachable);
+        return UdpLinkOf::breakWire();
+    }
+};
+
+#endif
