@@ -52,6 +52,7 @@ std::string addressText(NwIpv4Addr addrHostOrder) {
 }
 
 std::string endpointText(NwIpv4Addr addrHostOrder, unsigned port) {
+    if (port == 0) return NwInetAddrString(addrHostOrder);  // not known
     return fmt::format("{}:{}", NwInetAddrString(addrHostOrder), port);
 }
 

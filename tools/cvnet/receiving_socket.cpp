@@ -7,33 +7,35 @@
 
 namespace cvnet {
 
-unsigned ReceivingSocket::lastSourcePort() const {
-    return ntohs(sourceSockAddr->sin_port);
+ReceivingSocket::ReceivingSocket(int toPort, NwIpv4Addr address, unsigned char modeBits, NwIpv4Addr device,
+                                 ReceiveCounts& counts)
+    : NwNetSocket(toPort, address, modeBits, device), counts_(counts) {
+    counts_.tooShort = counts_.empty = counts_.mixed = 0;
 }
 
 int ReceivingSocket::recvFromNet(char** buf) {
     const int length = NwNetSocket::recvFromNet(buf);
     if (*buf == nullptr || length < 0) return length;  // nothing came
-    ::clock_gettime(CLOCK_REALTIME, &arrival_);
-    ++datagrams_;
-    datagramBytes_ += static_cast<std::uint64_t>(length);
+    ::clock_gettime(CLOCK_REALTIME, &counts_.arrival);
+    counts_.sourcePort = ntohs(sourceSockAddr->sin_port);
+    ++counts_.datagrams;
     if (length == 0) {
-        ++empty_;
+        ++*counts_.empty;
     } else if (length < minPacketSize()) {
-        ++tooShort_;
+        ++*counts_.tooShort;
     }
     return length;
 }
 
 void ReceivingSocket::findNextPacket() {
-    if (bundleCursor != nullptr && bytesLeftInBundle < minPacketSize()) ++tooShort_;
+    if (bundleCursor != nullptr && bytesLeftInBundle < minPacketSize()) ++*counts_.tooShort;
     NwNetSocket::findNextPacket();
 }
 
 unsigned int ReceivingSocket::currentHeaderMatchesFirstInBundle() {
     if (firstInBundle == 0 && bundleCursor != nullptr) {
         const auto* header = reinterpret_cast<const unsigned char*>(bundleCursor);
-        if (header[0] != bundleProtocol || header[1] != bundleExercise) ++mixed_;
+        if (header[0] != bundleProtocol || header[1] != bundleExercise) ++*counts_.mixed;
     }
     return NwNetSocket::currentHeaderMatchesFirstInBundle();
 }

@@ -6,39 +6,36 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 
 #include <cvNetworkCompatibility/cvNetSocket.h>
 
 namespace cvnet {
 
+/// What is known of the datagrams read. An asynchronous socket starts threads while it is constructed, so it
+/// is not derived from, and the tool knows of it what any application does: the optional ones stay empty.
+struct ReceiveCounts {
+    timespec arrival{};       // of the last datagram read; asynchronous: when it was taken from the queue
+    unsigned sourcePort = 0;  // of the last datagram read; 0 where it is not known
+    std::uint64_t datagrams = 0;
+    /// Datagrams, or ends of datagrams, below the smallest packet, and empty ones: discarded by the library.
+    std::optional<std::uint64_t> tooShort;
+    std::optional<std::uint64_t> empty;
+    /// Datagrams whose later PDUs are of another version or exercise: the rest came as one packet.
+    std::optional<std::uint64_t> mixed;
+};
+
 class ReceivingSocket : public NwNetSocket {
 public:
-    ReceivingSocket(int toPort, NwIpv4Addr address, unsigned char modeBits, NwIpv4Addr device)
-        : NwNetSocket(toPort, address, modeBits, device) {}
-
-    /// Of the last datagram read.
-    const timespec& arrival() const { return arrival_; }
-    unsigned lastSourcePort() const;
-
-    std::uint64_t datagrams() const { return datagrams_; }
-    std::uint64_t datagramBytes() const { return datagramBytes_; }
-    /// Datagrams, or ends of datagrams, below the smallest packet: discarded by the library.
-    std::uint64_t tooShort() const { return tooShort_; }
-    std::uint64_t empty() const { return empty_; }
-    /// Datagrams whose later PDUs are of another version or exercise: the rest came as one packet.
-    std::uint64_t mixed() const { return mixed_; }
+    ReceivingSocket(int toPort, NwIpv4Addr address, unsigned char modeBits, NwIpv4Addr device,
+                    ReceiveCounts& counts);
 
     int recvFromNet(char** buf) override;
     void findNextPacket() override;
     unsigned int currentHeaderMatchesFirstInBundle() override;
 
 private:
-    timespec arrival_{};
-    std::uint64_t datagrams_ = 0;
-    std::uint64_t datagramBytes_ = 0;
-    std::uint64_t tooShort_ = 0;
-    std::uint64_t empty_ = 0;
-    std::uint64_t mixed_ = 0;
+    ReceiveCounts& counts_;
 };
 
 }  // namespace cvnet

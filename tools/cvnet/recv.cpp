@@ -18,6 +18,8 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 
+#include <cvNetworkCompatibility/cvAsyncSocket.h>
+
 #include "address.h"
 #include "capture_writer.h"
 #include "failure.h"
@@ -38,6 +40,8 @@ namespace {
 constexpr double kMaxSeconds = 1e9;
 constexpr auto kRedrawPeriod = std::chrono::milliseconds(500);
 constexpr auto kHintAfter = std::chrono::seconds(5);
+// How often the queue of an asynchronous socket is looked at while it is empty.
+constexpr auto kQueuePeriod = std::chrono::milliseconds(5);
 constexpr const char* kHeaderTestOption = "--no-header-test";
 
 struct RecvOptions {
@@ -47,6 +51,7 @@ struct RecvOptions {
     InterfaceOption interface;
     FilterOptions filters;
     bool noHeaderTest = false;
+    bool async = false;
     bool summary = false;
     std::string write;
     int rcvbufBytes = 0;
@@ -110,7 +115,7 @@ unsigned boundPort(int fd) {
     return ntohs(address.sin_port);
 }
 
-void setReceiveBuffer(ReceivingSocket& socket, int wantedBytes) {
+void setReceiveBuffer(NwNetSocket& socket, int wantedBytes) {
     if (wantedBytes == 0) return;
     if (socket.setReceiveBufferSize(wantedBytes) != 0) {
         const int error = errno;
@@ -128,7 +133,7 @@ void setReceiveBuffer(ReceivingSocket& socket, int wantedBytes) {
     }
 }
 
-void joinFurtherGroups(ReceivingSocket& socket, const Place& place) {
+void joinFurtherGroups(NwNetSocket& socket, const Place& place) {
     for (NwIpv4Addr group : place.groups) {
         if (group == place.constructorAddress()) continue;
         if (socket.listenToMulticastGroup(group, NwUSE_DEFAULT_IP_ADDR) != 1) {
@@ -138,15 +143,22 @@ void joinFurtherGroups(ReceivingSocket& socket, const Place& place) {
     }
 }
 
-std::unique_ptr<ReceivingSocket> openSocket(const RecvOptions& options, const Place& place) {
+std::unique_ptr<NwNetSocket> openSocket(const RecvOptions& options, const Place& place,
+                                        ReceiveCounts& counts) {
     const auto owner = options.port.port == 0
                            ? std::nullopt
                            : portOwner(static_cast<unsigned>(options.port.port), place.bindTo);
     int modeBits = NwNetSocketRead | NwNetSocketQuietStart;
     if (place.bindTo != 0) modeBits |= NwNetSocketBindToDest;
     takeLibraryWarning();
-    auto socket = std::make_unique<ReceivingSocket>(options.port.port, place.constructorAddress(),
-                                                    static_cast<unsigned char>(modeBits), place.device);
+    const auto mode = static_cast<unsigned char>(modeBits);
+    const NwIpv4Addr address = place.constructorAddress();
+    std::unique_ptr<NwNetSocket> socket;
+    if (options.async) {
+        socket = std::make_unique<NwAsyncNetSocket>(options.port.port, address, mode, place.device);
+    } else {
+        socket = std::make_unique<ReceivingSocket>(options.port.port, address, mode, place.device, counts);
+    }
     if (!socket->isOk()) {
         throw Failure(fmt::format("cannot listen on port {}{}: {}{}", options.port.port,
                                   place.bindTo != 0 ? " of " + addressText(place.bindTo) : "",
@@ -207,6 +219,7 @@ private:
     using Seconds = std::chrono::duration<double>;
 
     bool receiveOne();
+    void countQueued();
     void deliver(const PduView& packet);
     void save(const PduView& packet);
     std::string lineOf(const PduView& packet) const;
@@ -239,7 +252,8 @@ private:
     Filters filters_;
     Place place_;
     std::unique_ptr<CaptureWriter> writer_;
-    std::unique_ptr<ReceivingSocket> socket_;
+    ReceiveCounts counts_;
+    std::unique_ptr<NwNetSocket> socket_;
     Destinations destinations_;
     Tally tally_;
     std::uint64_t refused_ = 0;
@@ -255,7 +269,7 @@ private:
 
 Receiver::Receiver(const RecvOptions& options, Output& out)
     : options_(options), out_(out), filters_(options.filters), place_(options), destinations_(place_) {
-    socket_ = openSocket(options_, place_);
+    socket_ = openSocket(options_, place_, counts_);
     // Not before: a file that is there is emptied by this.
     if (!options_.write.empty()) writer_ = std::make_unique<CaptureWriter>(options_.write);
     applyFilter(socket_->protocolVersion(), filters_.version);
@@ -294,10 +308,11 @@ bool Receiver::receiveOne() {
     char* bytes = nullptr;
     int status = 0;
     const int length = socket_->NwRecv(&bytes, &status);
-    if (socket_->datagrams() != datagramsSeen_) {
+    if (options_.async) countQueued();
+    if (counts_.datagrams != datagramsSeen_) {
         lastHeard_ = lastArrival_ = Clock::now();
         if (datagramsSeen_ == 0) firstArrival_ = lastArrival_;
-        datagramsSeen_ = socket_->datagrams();
+        datagramsSeen_ = counts_.datagrams;
     }
     if (status == -2) {
         ++refused_;
@@ -308,8 +323,18 @@ bool Receiver::receiveOne() {
     return true;
 }
 
+// What any application can know of an asynchronous socket.
+void Receiver::countQueued() {
+    const auto delivered = static_cast<unsigned>(socket_->NwReportPktsRcvd());
+    const unsigned more =
+        delivered - static_cast<unsigned>(counts_.datagrams);  // the library's count may wrap
+    if (more == 0) return;
+    counts_.datagrams += more;
+    ::clock_gettime(CLOCK_REALTIME, &counts_.arrival);
+}
+
 void Receiver::deliver(const PduView& packet) {
-    tally_.add(packet, socket_->datagrams(), {socket_->lastSourceInetAddr(), socket_->lastSourcePort()});
+    tally_.add(packet, counts_.datagrams, {socket_->lastSourceInetAddr(), counts_.sourcePort});
     if (writer_) save(packet);
     if (!showsLines()) return;
     out_.line(options_.report.json ? jsonOf(packet) : lineOf(packet));
@@ -318,18 +343,18 @@ void Receiver::deliver(const PduView& packet) {
 void Receiver::save(const PduView& packet) {
     UdpDatagram datagram;
     datagram.sourceHostOrder = socket_->lastSourceInetAddr();
-    datagram.sourcePort = socket_->lastSourcePort();
+    datagram.sourcePort = counts_.sourcePort;
     datagram.destinationHostOrder = destinations_.of(datagram.sourceHostOrder);
     datagram.destinationPort = boundPort(socket_->readFd());
     datagram.payload = Bytes{packet.bytes(), packet.lengthBytes()};
-    writer_->write(datagram, socket_->arrival());
+    writer_->write(datagram, counts_.arrival);
 }
 
 std::string Receiver::lineOf(const PduView& packet) const {
     std::string line =
         fmt::format("{} {:<21} DIS {} exercise {:<3} {:<30} {:>5} bytes",
-                    timeOfDayText(socket_->arrival().tv_sec, socket_->arrival().tv_nsec),
-                    endpointText(socket_->lastSourceInetAddr(), socket_->lastSourcePort()), packet.version(),
+                    timeOfDayText(counts_.arrival.tv_sec, counts_.arrival.tv_nsec),
+                    endpointText(socket_->lastSourceInetAddr(), counts_.sourcePort), packet.version(),
                     packet.exercise(), pduTypeText(packet.type()), packet.lengthBytes());
     if (const auto id = packet.entity()) line += " entity " + entityText(*id);
     const std::string odd = oddText(packet);
@@ -352,14 +377,14 @@ std::string Receiver::oddText(const PduView& packet) const {
 }
 
 std::string Receiver::jsonOf(const PduView& packet) const {
-    const timespec& when = socket_->arrival();
+    const timespec& when = counts_.arrival;
     // Whole microseconds: a double holds those of this century exactly enough, nanoseconds it does not.
     const long microseconds = when.tv_nsec / 1000;
     const double time = static_cast<double>(when.tv_sec) + static_cast<double>(microseconds) * 1e-6;
     nlohmann::ordered_json json = {{"event", "pdu"},
                                    {"time", time},
                                    {"source", addressText(socket_->lastSourceInetAddr())},
-                                   {"port", socket_->lastSourcePort()},
+                                   {"port", counts_.sourcePort},
                                    {"version", packet.version()},
                                    {"exercise", packet.exercise()},
                                    {"type", packet.type()},
@@ -405,7 +430,10 @@ void Receiver::doWhatIsDue(Clock::time_point now) {
 void Receiver::idle() {
     if (writer_) writer_->flush();
     out_.flush();
-    if (!StopSignal::wait(socket_->readFd(), nextEvent())) out_.lookForReader();
+    // The descriptor of an asynchronous socket is its worker's: the queue is looked at instead.
+    const bool mayWait = !options_.async;
+    const std::optional<Clock::time_point> until = mayWait ? nextEvent() : Clock::now() + kQueuePeriod;
+    if (!StopSignal::wait(mayWait ? socket_->readFd() : -1, until)) out_.lookForReader();
 }
 
 void Receiver::showHint() {
@@ -441,10 +469,17 @@ std::string Receiver::totalsText() const {
 }
 
 std::string Receiver::oddTotalsText() const {
-    std::string text = fmt::format(
-        "refused by filters: {}; undivided rests: {}; cut: {}; too short: {}; mixed bundles: {}; ", refused_,
-        tally_.rests().pdus, tally_.cut().pdus, socket_->tooShort() + socket_->empty(), socket_->mixed());
+    std::string text = fmt::format("refused by filters: {}; undivided rests: {}; cut: {}; ", refused_,
+                                   tally_.rests().pdus, tally_.cut().pdus);
+    if (counts_.tooShort) {
+        text += fmt::format("too short: {}; mixed bundles: {}; ", *counts_.tooShort + *counts_.empty,
+                            *counts_.mixed);
+    }
     return text + kernelDropsText(kernelDrops(socket_->readFd()));
+}
+
+nlohmann::ordered_json numberOrNull(const std::optional<std::uint64_t>& number) {
+    return number ? nlohmann::ordered_json(*number) : nlohmann::ordered_json(nullptr);
 }
 
 std::string Receiver::totalsJson() const {
@@ -453,13 +488,13 @@ std::string Receiver::totalsJson() const {
                                    {"datagrams", tally_.total().datagrams},
                                    {"bytes", tally_.total().bytes},
                                    {"seconds", activeSeconds()},
-                                   {"datagramsRead", socket_->datagrams()},
+                                   {"datagramsRead", counts_.datagrams},
                                    {"refused", refused_},
                                    {"undivided", tally_.rests().pdus},
                                    {"cut", tally_.cut().pdus},
-                                   {"tooShort", socket_->tooShort()},
-                                   {"empty", socket_->empty()},
-                                   {"mixedBundles", socket_->mixed()},
+                                   {"tooShort", numberOrNull(counts_.tooShort)},
+                                   {"empty", numberOrNull(counts_.empty)},
+                                   {"mixedBundles", numberOrNull(counts_.mixed)},
                                    {"kernelDrops", nullptr},
                                    {"types", tally_.typesJson()},
                                    {"exercises", tally_.exercisesJson()},
@@ -480,7 +515,7 @@ void Receiver::printTotals() {
         }
         out_.line(out_.styled(1, totalsText()));
         out_.line(oddTotalsText());
-        if (!options_.noHeaderTest && (socket_->mixed() != 0 || tally_.rests().pdus != 0)) {
+        if (!options_.noHeaderTest && (counts_.mixed.value_or(0) != 0 || tally_.rests().pdus != 0)) {
             out_.line(
                 fmt::format("hint: {} splits datagrams by the length fields alone, also where versions or "
                             "exercises are mixed",
@@ -510,6 +545,7 @@ void RecvCommand::addOptions(CLI::App& app) {
     app.add_option("--bind", options_.bind, "Take only what is sent to this address")->type_name("ADDRESS");
     options_.interface.declare(app, "Interface to join groups on");
     options_.filters.declare(app);
+    app.add_flag("--async", options_.async, "Let a thread of the library's do the receiving");
     app.add_flag(kHeaderTestOption, options_.noHeaderTest,
                  "Split bundles by the length fields alone, also where versions or exercises are mixed");
     app.add_flag("--summary", options_.summary, "Show a table by type, exercise and source, no line per PDU");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Packets from a source go, when they are due, through one NwNetSocket; bundling, flushing and retrying
-// are the library's work.
+// Packets from a source go, when they are due, through one socket of the library; bundling, flushing and
+// retrying are the library's work.
 #include "send.h"
 
 #include <algorithm>
@@ -14,6 +14,8 @@
 #include <CLI/Formatter.hpp>
 #include <CLI/Validators.hpp>
 
+#include <cvNetworkCompatibility/cvAsyncSocket.h>
+#include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
 
 #include "address.h"
@@ -23,6 +25,7 @@
 #include "library.h"
 #include "options.h"
 #include "output.h"
+#include "sending_socket.h"
 #include "stop_signal.h"
 #include "synthetic_source.h"
 #include "tally.h"
@@ -53,6 +56,8 @@ struct SendOptions {
     bool fast = false;
     std::uint64_t loop = 1;
     std::string to;
+    std::vector<std::string> sites;
+    bool async = false;
     PortOption port;
     int bundleBytes = 0;
     double flushMs = kDefaultFlushMs;
@@ -63,32 +68,12 @@ struct SendOptions {
     ReportOptions report;
 };
 
-// Counts what really left the host: sendTo is where every datagram goes through.
-class SendingSocket : public NwNetSocket {
-public:
-    SendingSocket(int toPort, NwIpv4Addr toAddress, NwIpv4Addr device)
-        : NwNetSocket(toPort, toAddress, kWriteQuietly, device) {}
-
-    int sendTo(char* buf, unsigned long len, unsigned int toAddress) override {
-        const int sent = NwNetSocket::sendTo(buf, len, toAddress);
-        if (sent > 0) count(buf, len);
-        return sent;
-    }
-
-    NwIpv4Addr destination() const { return destAddr; }
-    std::uint64_t datagrams() const { return datagrams_; }
-    const Tally& tally() const { return tally_; }
-
-private:
-    void count(const char* datagram, std::size_t lengthBytes) {
-        ++datagrams_;
-        PduWalk walk(datagram, lengthBytes);
-        for (PduView pdu; walk.next(pdu);) tally_.add(pdu, datagrams_);
-        if (walk.rest().lengthBytes() != 0) tally_.add(walk.rest(), datagrams_);
-    }
-
-    std::uint64_t datagrams_ = 0;
-    Tally tally_;
+// An open socket of whichever class the options ask for, its counts, and where it sends to.
+struct Transport {
+    std::unique_ptr<NwSocket> socket;
+    DatagramCounts* counts = nullptr;  // of that socket
+    QueueingSocket* queue = nullptr;   // that socket, with --async
+    std::vector<NwIpv4Addr> destinations;
 };
 
 std::unique_ptr<PacketSource> openSource(const SendOptions& options) {
@@ -125,7 +110,7 @@ NwIpv4Addr destinationOf(const SendOptions& options, NwIpv4Addr device) {
 
 // Only a join makes an interface the one for outgoing multicast. Nothing is read here, so the group is left
 // again.
-void chooseMulticastInterface(SendingSocket& socket, NwIpv4Addr group) {
+void chooseMulticastInterface(NwNetSocket& socket, NwIpv4Addr group) {
     if (socket.mcastDevice() == 0) {
         throw Failure(
             fmt::format("no interface can broadcast, so there is no default one for the group {}: name "
@@ -140,45 +125,88 @@ void chooseMulticastInterface(SendingSocket& socket, NwIpv4Addr group) {
     socket.dropMulticastGroup(group, socket.mcastDevice());
 }
 
-std::unique_ptr<SendingSocket> openSocket(const SendOptions& options) {
+std::vector<NwIpv4Addr> sitesOf(const SendOptions& options) {
+    std::vector<NwIpv4Addr> sites = addressesFromTexts(options.sites, "--sites");
+    for (NwIpv4Addr site : sites) {
+        if (site == 0 || NwIsMulticastAddr(site))
+            throw UsageFailure(fmt::format("--sites: {} is no site", addressText(site)));
+    }
+    return sites;
+}
+
+// What every class of UDP socket is asked for alike.
+template <class Socket>
+std::unique_ptr<Socket> openUdp(const SendOptions& options, NwIpv4Addr to, NwIpv4Addr device) {
+    auto socket = std::make_unique<Socket>(options.port.port, to, kWriteQuietly, device);
+    if (!socket->isOk()) throw Failure("cannot open a UDP socket: " + takeLibraryReason("refused"));
+    if (NwIsMulticastAddr(to)) chooseMulticastInterface(*socket, to);
+    if (options.ttl >= 0 && socket->setMcastTtl(options.ttl) != 1) {
+        throw Failure(fmt::format("--ttl {}: {}", options.ttl, takeLibraryReason("refused")));
+    }
+    // Retrying is for sends that would have to wait for room.
+    if (options.retries != 0) socket->NwBecomeNonBlocking();
+    return socket;
+}
+
+template <class Socket>
+Transport transportOf(std::unique_ptr<Socket> socket, std::vector<NwIpv4Addr> destinations) {
+    Transport transport;
+    transport.counts = socket.get();
+    transport.socket = std::move(socket);
+    transport.destinations = std::move(destinations);
+    return transport;
+}
+
+Transport openSites(const SendOptions& options, NwIpv4Addr device) {
+    std::vector<NwIpv4Addr> sites = sitesOf(options);
+    auto group = openUdp<CountingSocket<NwGroupSocket>>(options, sites.front(), device);
+    for (NwIpv4Addr site : sites) group->addRemoteSite(site);
+    return transportOf(std::move(group), std::move(sites));
+}
+
+Transport openSocket(const SendOptions& options) {
     const NwIpv4Addr device = options.interface.address();
-    const NwIpv4Addr to = destinationOf(options, device);
-    const bool toGroup = NwIsMulticastAddr(to);
-    if (options.ttl >= 0 && !toGroup) {
+    const NwIpv4Addr to = options.sites.empty() ? destinationOf(options, device) : sitesOf(options).front();
+    if (options.ttl >= 0 && !NwIsMulticastAddr(to)) {
         throw UsageFailure(fmt::format("--ttl counts for multicast groups only, and --to is {}",
                                        to == 0 ? "not given" : addressText(to)));
     }
-    if (to == 0 && NwInetBroadcastOfDevice(nullptr) == 0) {
+    const NwIpv4Addr broadcast = to == 0 ? NwInetBroadcastOfDevice(nullptr) : 0;
+    if (to == 0 && broadcast == 0) {
         throw Failure(
             "no interface can broadcast, so there is no default destination: give one with --to (on this "
             "host: --to 127.0.0.1), or an interface with --interface");
     }
     if (options.retries != 0)
         NwNetSocket::setRetryOnSend(static_cast<unsigned>(options.retries), kRetryPeriodSeconds);
-    auto socket = std::make_unique<SendingSocket>(options.port.port, to, device);
-    if (!socket->isOk()) throw Failure("cannot open a UDP socket: " + takeLibraryReason("refused"));
-    if (toGroup) chooseMulticastInterface(*socket, to);
-    if (options.ttl >= 0 && socket->setMcastTtl(options.ttl) != 1) {
-        throw Failure(fmt::format("--ttl {}: {}", options.ttl, takeLibraryReason("refused")));
+    const NwIpv4Addr destination = to != 0 ? to : broadcast;
+    Transport transport;
+    if (!options.sites.empty()) {
+        transport = openSites(options, device);
+    } else if (options.async) {
+        auto queue = std::make_unique<QueueingSocket>(openUdp<NwAsyncNetSocket>(options, to, device));
+        QueueingSocket* const theQueue = queue.get();
+        transport = transportOf(std::move(queue), {destination});
+        transport.queue = theQueue;
+    } else {
+        transport = transportOf(openUdp<CountingSocket<NwNetSocket>>(options, to, device), {destination});
     }
-    // Retrying is for sends that would have to wait for room.
-    if (options.retries != 0) socket->NwBecomeNonBlocking();
-    socket->setBundling(options.bundleBytes);
-    return socket;
+    transport.socket->setBundling(options.bundleBytes);
+    return transport;
 }
 
 // One run: waits, sends, flushes and tells.
 class Sender {
 public:
     Sender(const SendOptions& options, Output& out)
-        : options_(options), out_(out), source_(openSource(options)), socket_(openSocket(options)) {}
+        : options_(options), out_(out), source_(openSource(options)), transport_(openSocket(options)) {}
 
     void announce();
     void sendAll();
     void printTotals();
     /// When a failure follows: a table of nothing would only hide it.
     void printTotalsIfAny() {
-        if (socket_->datagrams() != 0) printTotals();
+        if (transport_.counts->datagrams() != 0) printTotals();
     }
 
 private:
@@ -196,35 +224,52 @@ private:
     }
     void send(const Packet& packet);
     void flush();
+    void finishQueue();
     [[noreturn]] void failToSend();
     void showProgress(Clock::time_point now);
+    std::string destinationText() const;
     std::string summaryText() const;
     std::string totalsJson() const;
 
     const SendOptions& options_;
     Output& out_;
     std::unique_ptr<PacketSource> source_;
-    std::unique_ptr<SendingSocket> socket_;
+    Transport transport_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point end_ = start_;
     std::optional<Clock::time_point> flushDue_;  // set while a bundle holds packets
     Clock::time_point progressDue_ = start_ + kProgressPeriod;
 };
 
+std::string Sender::destinationText() const {
+    const auto port = static_cast<unsigned>(options_.port.port);
+    std::string text;
+    for (NwIpv4Addr address : transport_.destinations) {
+        if (!text.empty()) text += ", ";
+        text += endpointText(address, port);
+    }
+    return text;
+}
+
 void Sender::announce() {
-    const std::string to = endpointText(socket_->destination(), static_cast<unsigned>(options_.port.port));
+    const int bundleBytes = transport_.socket->isBundling();
     if (options_.report.json) {
-        out_.line(jsonLine({{"event", "sending"},
-                            {"what", source_->description()},
-                            {"to", addressText(socket_->destination())},
-                            {"port", options_.port.port},
-                            {"bundle", socket_->isBundling()}}));
+        nlohmann::ordered_json json = {{"event", "sending"},
+                                       {"what", source_->description()},
+                                       {"to", addressText(transport_.destinations.front())},
+                                       {"port", options_.port.port},
+                                       {"bundle", bundleBytes}};
+        if (!options_.sites.empty()) {
+            json["sites"] = nlohmann::ordered_json::array();
+            for (NwIpv4Addr site : transport_.destinations) json["sites"].push_back(addressText(site));
+        }
+        out_.line(jsonLine(json));
     } else if (!options_.report.quiet) {
-        const std::string bundles = socket_->isBundling() == 0
+        const std::string bundles = bundleBytes == 0
                                         ? "one PDU a datagram"
                                         : fmt::format("bundles of up to {} bytes, flushed after {} ms",
-                                                      socket_->isBundling(), options_.flushMs);
-        out_.line(fmt::format("sending {} to {}, {}", source_->description(), to, bundles));
+                                                      bundleBytes, options_.flushMs);
+        out_.line(fmt::format("sending {} to {}, {}", source_->description(), destinationText(), bundles));
     }
     out_.flush();
 }
@@ -237,6 +282,16 @@ void Sender::sendAll() {
         send(source_->packet());
     }
     flush();
+    finishQueue();
+}
+
+// With --async only now, when the queue is empty, is it known whether the network took everything.
+void Sender::finishQueue() {
+    if (!transport_.queue) return;
+    takeLibraryWarning();
+    transport_.queue->finish();
+    if (const std::string warning = takeLibraryWarning(); !warning.empty())
+        throw Failure(fmt::format("cannot send to {}: {}", destinationText(), warning));
 }
 
 Clock::time_point Sender::dueOf(std::uint64_t index) const {
@@ -268,31 +323,27 @@ Clock::time_point Sender::nextEvent(Clock::time_point due) const {
 
 void Sender::send(const Packet& packet) {
     if (packet.alone) flush();
-    const std::uint64_t datagramsBefore = socket_->datagrams();
-    const int result = packet.alone
-                           ? socket_->sendTo(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR)
-                           : socket_->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR);
-    if (result < 0) failToSend();
+    const std::uint64_t datagramsBefore = transport_.counts->datagrams();
+    if (transport_.socket->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR) < 0) failToSend();
+    if (packet.alone) flush();
     // The bundle's time runs from its first packet: an empty one starts now, and so does one just flushed.
-    const bool waits = socket_->isBundling() != 0 && !packet.alone &&
-                       packet.lengthBytes < static_cast<std::size_t>(socket_->isBundling());
+    const auto bundleBytes = static_cast<std::size_t>(transport_.socket->isBundling());
+    const bool waits = !packet.alone && packet.lengthBytes < bundleBytes;
     if (!waits) {
         flushDue_.reset();
-    } else if (!flushDue_ || socket_->datagrams() != datagramsBefore) {
+    } else if (!flushDue_ || transport_.counts->datagrams() != datagramsBefore) {
         const auto period = std::chrono::duration<double, std::milli>(options_.flushMs);
         flushDue_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(period);
     }
 }
 
 void Sender::flush() {
-    if (socket_->flush() < 0) failToSend();
+    if (transport_.socket->flush() < 0) failToSend();
     flushDue_.reset();
 }
 
 void Sender::failToSend() {
-    throw Failure(fmt::format("cannot send to {}: {}",
-                              endpointText(socket_->destination(), static_cast<unsigned>(options_.port.port)),
-                              takeLibraryReason("refused")));
+    throw Failure(fmt::format("cannot send to {}: {}", destinationText(), takeLibraryReason("refused")));
 }
 
 void Sender::showProgress(Clock::time_point now) {
@@ -303,8 +354,8 @@ void Sender::showProgress(Clock::time_point now) {
 }
 
 std::string Sender::summaryText() const {
-    const Tally& tally = socket_->tally();
-    const std::uint64_t datagrams = socket_->datagrams();
+    const Tally& tally = transport_.counts->tally();
+    const std::uint64_t datagrams = transport_.counts->datagrams();
     const double factor =
         datagrams == 0 ? 0.0 : static_cast<double>(tally.total().pdus) / static_cast<double>(datagrams);
     return fmt::format("sent {} in {} ({:.2f} a datagram), {} in {:.1f} s", tally.packetsText(),
@@ -313,8 +364,8 @@ std::string Sender::summaryText() const {
 }
 
 std::string Sender::totalsJson() const {
-    const Tally& tally = socket_->tally();
-    const std::uint64_t datagrams = socket_->datagrams();
+    const Tally& tally = transport_.counts->tally();
+    const std::uint64_t datagrams = transport_.counts->datagrams();
     nlohmann::ordered_json json = {{"event", "totals"},
                                    {"pdus", tally.wholePdus()},
                                    {"undivided", tally.rests().pdus},
@@ -337,7 +388,7 @@ void Sender::printTotals() {
     if (options_.report.json) {
         out_.line(totalsJson());
     } else {
-        std::string table = socket_->tally().typeTable(Seconds(end_ - start_).count());
+        std::string table = transport_.counts->tally().typeTable(Seconds(end_ - start_).count());
         table.pop_back();  // its last end of line
         out_.line(table);
         for (const std::string& note : source_->notes()) out_.line("note: " + note);
@@ -388,10 +439,20 @@ void SendCommand::addOptions(CLI::App& app) {
         ->check(CLI::NonNegativeNumber)
         ->type_name("N")
         ->needs(pcap);
-    app.add_option("--to", options_.to,
-                   "Destination: a host, a broadcast address or a group (default: the broadcast address of "
-                   "the interface)")
-        ->type_name("ADDRESS");
+    CLI::Option* to =
+        app.add_option(
+               "--to", options_.to,
+               "Destination: a host, a broadcast address or a group (default: the broadcast address of "
+               "the interface)")
+            ->type_name("ADDRESS");
+    CLI::Option* sites =
+        app.add_option("--sites", options_.sites,
+                       "Send to each of these hosts by unicast, where broadcast and groups do "
+                       "not get through")
+            ->delimiter(',')
+            ->type_name("ADDRESS,...")
+            ->excludes(to);
+    app.add_flag("--async", options_.async, "Let a thread of the library's do the sending")->excludes(sites);
     options_.port.declareDestination(app);
     CLI::Option* bundle =
         app.add_option("--bundle", options_.bundleBytes,
@@ -416,6 +477,7 @@ void SendCommand::addOptions(CLI::App& app) {
     app.footer(
         "Examples:\n"
         "  cvnet send --pcap exercise.pcap --to 127.0.0.1 --bundle 1400\n"
+        "  cvnet send --pcap exercise.pcap --sites 10.1.0.5,10.2.0.5 --bundle 1400\n"
         "  cvnet send --synthetic 20 --rate 200 --to 239.1.2.3 --interface eth0 --ttl 4");
 }
 
