@@ -132,6 +132,7 @@ NwAsyncNetSocket::NwAsyncNetSocket(char* name, int fd, unsigned char newMode)
 // The workers start before the pipe exists, as documented; the send worker takes it up once it is there.
 void NwAsyncNetSocket::initThread() {
     myRecvBuffer.reset(new (std::nothrow) char[static_cast<std::size_t>(NwMax(bufferSize, 1))]);
+    if (!myRecvBuffer) myUsingAsyncReceive = false;  // the caller reads for itself
     {
         const AllSignalsBlocked blocked;
         mySendWorkerRuns = ::pthread_create(&mySendThread, nullptr, runSend, this) == 0;

@@ -156,8 +156,9 @@ public:
     virtual void processSendQueue();
     // Moves what the kernel has into the receive queue, up to the first empty datagram. The worker's pass,
     // and any that began with asynchronous receiving on, ends when that is switched off. Messages, unless
-    // sockets are quiet: "Network read error " with the system's description, and
-    // "0 Bytes Read From the Network\n".
+    // sockets are quiet: "Network read error " with the system's description,
+    // "0 Bytes Read From the Network\n", and, for a datagram that is lost for want of memory,
+    // "NwAsyncNetSocket: no memory to queue a datagram of %d bytes\n".
     virtual void processReceiveQueue();
 
     // Thread entry points: the argument is the socket. They run its loop, and return null.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Memory that ends at any moment: no exception leaves a socket, and no descriptor stays open.
+#include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
+#include <cvNetworkCompatibility/cvPairSock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -8,6 +10,7 @@
 #include <iterator>
 #include <new>
 
+#include "async_peek.h"
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
@@ -158,6 +161,54 @@ TEST_F(OutOfMemory, filterLeavesOutWhatItCannotHold) {
     char one = 1, two = 2;
     EXPECT_FALSE(test.evalTest(&one, 0, NwFilterByte));
     EXPECT_TRUE(test.evalTest(&two, 0, NwFilterByte));
+}
+
+TEST_F(OutOfMemory, socketsWithinTheProcessNeedLittle) {
+    int received = -1;
+    withEachAllocationFailing([&] {
+        NwQueueSocket socket;
+        const bool isSent = socket.sendTo(packet, sizeof packet, 0) == static_cast<int>(sizeof packet);
+        char copy[64];
+        received = socket.NwRecv(copy, sizeof copy);
+        if (received != (isSent ? static_cast<int>(sizeof packet) : 0)) std::abort();
+    });
+    EXPECT_EQ(received, static_cast<int>(sizeof packet)) << "once memory holds out";
+    EXPECT_EQ(withEachAllocationFailing([] { NwSocketPairSocket pair(-1); }), 0);
+}
+
+TEST_F(OutOfMemory, siteThatTheListCannotHoldIsLeftOut) {
+    NwGroupSocket socket(port, kLoopback, static_cast<unsigned char>(2), kLoopback);
+    NwSocket::setQuietSockets(true);
+    allocationsLeft = 0;
+    EXPECT_NO_THROW(socket.addRemoteSite(kLoopback));
+    allocationsLeft = -1;
+    EXPECT_EQ(socket.findItem(kLoopback), nullptr);
+    socket.addRemoteSite(kLoopback);
+    EXPECT_NE(socket.findItem(kLoopback), nullptr);
+    NwSocket::setQuietSockets(false);
+}
+
+// The steps of the workers, on this thread.
+TEST_F(OutOfMemory, asynchronousSocketRefusesOrDropsWhatItCannotQueue) {
+    NwAsyncNetSocket socket(port, kLoopback, static_cast<unsigned char>(1 | 2 | 8), kLoopback);
+    AsyncPeek::dismissWorkers(socket);
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.sendTo(packet, sizeof packet, kLoopback), -1);
+    allocationsLeft = -1;
+    EXPECT_EQ(AsyncPeek::unsent(socket), 0u);
+
+    UdpPeer peer;
+    peer.send(pdu(20, 1), port);
+    peer.send(pdu(24, 2), port);
+    Messages messages;
+    allocationsLeft = 0;
+    EXPECT_NO_THROW(socket.processReceiveQueue());
+    allocationsLeft = -1;
+    EXPECT_EQ(messages.warn(), "NwAsyncNetSocket: no memory to queue a datagram of 20 bytes\n");
+    socket.processReceiveQueue();
+    char* received = nullptr;
+    ASSERT_EQ(socket.NwRecv(&received, nullptr), 24);
+    EXPECT_EQ(std::string(received, 24), pdu(24, 2));
 }
 
 }  // namespace
