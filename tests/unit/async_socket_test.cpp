@@ -32,6 +32,7 @@
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
+#include "received.h"
 
 namespace {
 
@@ -45,31 +46,6 @@ int send(NwAsyncNetSocket& socket, std::string packet, NwIpv4Addr to = 0) {
     const int result = socket.sendTo(&packet[0], packet.size(), to);
     packet.assign(packet.size(), '#');  // the socket must not need the caller's bytes any more
     return result;
-}
-
-struct Received {
-    int result;
-    int status;
-    std::string packet;
-    bool isNull;
-
-    bool operator==(const Received& other) const {
-        return result == other.result && status == other.status && packet == other.packet &&
-               isNull == other.isNull;
-    }
-};
-
-std::ostream& operator<<(std::ostream& out, const Received& received) {
-    return out << "result " << received.result << ", status " << received.status << ", "
-               << (received.isNull ? "no packet" : "\"" + received.packet.substr(0, 20) + "\"");
-}
-
-Received delivered(const std::string& packet) {
-    return {static_cast<int>(packet.size()), 1, packet, false};
-}
-
-Received nothing(int status = 0) {
-    return {0, status, "", true};
 }
 
 Received receive(NwSocket& socket) {

@@ -9,6 +9,7 @@
 
 #include "messages.h"
 #include "packets.h"
+#include "received.h"
 #include "transports.h"
 
 namespace {
@@ -18,32 +19,6 @@ const NwIpv4Addr kFar = 0x7F000002u;
 
 std::string bytes(std::size_t count, char letter) {
     return std::string(count, letter);
-}
-
-// What one receive call came back with.
-struct Received {
-    int result;
-    int status;
-    std::string packet;
-    bool isNull;
-
-    bool operator==(const Received& other) const {
-        return result == other.result && status == other.status && packet == other.packet &&
-               isNull == other.isNull;
-    }
-};
-
-std::ostream& operator<<(std::ostream& out, const Received& received) {
-    return out << "result " << received.result << ", status " << received.status << ", "
-               << (received.isNull ? "no packet" : "\"" + received.packet.substr(0, 20) + "\"");
-}
-
-Received delivered(const std::string& packet) {
-    return {static_cast<int>(packet.size()), 1, packet, false};
-}
-
-Received nothing(int status = 0) {
-    return {0, status, "", true};
 }
 
 // The bundles of any socket, also of one whose class is not derived from.
