@@ -10,6 +10,11 @@ NwList::~NwList() {
         delete item;
         item = next;
     }
+    for (NwListPosition* position = myPositions; position; position = position->myNextPosition) {
+        position->myHasMoved = position->myHasMoved || position->myItem;
+        position->myItem = nullptr;
+        position->myList = nullptr;
+    }
 }
 
 NwListItem* NwList::add(void* data) {
@@ -37,10 +42,32 @@ NwListItem* NwList::insertAfter(NwListItem* item, void* data) {
 
 void* NwList::remove(NwListItem* item) {
     if (!item) return nullptr;
+    for (NwListPosition* position = myPositions; position; position = position->myNextPosition) {
+        if (position->myItem != item) continue;
+        position->myItem = item->myNext;
+        position->myHasMoved = true;
+    }
     (item->myPrevious ? item->myPrevious->myNext : myFirst) = item->myNext;
     (item->myNext ? item->myNext->myPrevious : myLast) = item->myPrevious;
     --myCount;
     void* data = item->myData;
     delete item;
     return data;
+}
+
+NwListPosition::NwListPosition(NwList& list, NwListItem* item)
+    : myList(&list), myItem(item), myNextPosition(list.myPositions), myHasMoved(false) {
+    list.myPositions = this;
+}
+
+NwListPosition::~NwListPosition() {
+    if (!myList) return;
+    NwListPosition** link = &myList->myPositions;
+    while (*link != this) link = &(*link)->myNextPosition;
+    *link = myNextPosition;
+}
+
+void NwListPosition::set(NwListItem* item) {
+    myItem = myList ? item : nullptr;
+    myHasMoved = false;
 }
