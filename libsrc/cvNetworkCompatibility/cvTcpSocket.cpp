@@ -497,6 +497,11 @@ int NwTcpSocket::sendMinimumSizePkt(bool markBroken) {
     return sendTo(packet.get(), static_cast<unsigned long>(size), markBroken);
 }
 
+void NwTcpSocket::shutDown() {
+    ::shutdown(socketFd, SHUT_RDWR);
+    ok = false;
+}
+
 int NwTcpSocket::NwBecomeNonBlocking() {
     NwNetSocket::makeNonBlocking(socketFd);
     return 0;

@@ -149,6 +149,10 @@ public:
     // connection tests with offset 0, or a width of 1, only.
     int sendMinimumSizePkt(bool markBroken);
 
+    // Ends the connection from this side, in both directions: isOk() is false from here on. The descriptor
+    // stays open until the destructor. Silent.
+    void shutDown();
+
     // Switches the descriptor between waiting and not. The rest of this class expects one that does not wait,
     // as constructors leave it. Return 0. Failures are NwFatalPerror("non-blocking") and ("blocking").
     int NwBecomeNonBlocking() override;
