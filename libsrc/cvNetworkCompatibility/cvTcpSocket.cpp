@@ -466,6 +466,17 @@ bool NwTcpSocket::isOk() const {
     return ok;
 }
 
+int NwTcpSocket::NwBecomeNonBlocking() {
+    NwNetSocket::makeNonBlocking(socketFd);
+    return 0;
+}
+
+int NwTcpSocket::NwBecomeBlocking() {
+    const int flags = ::fcntl(socketFd, F_GETFL, 0);
+    if (::fcntl(socketFd, F_SETFL, flags & ~O_NONBLOCK) < 0) NwFatalPerror("blocking");
+    return 0;
+}
+
 bool NwTcpSocket::isConnectionEstablished() {
     return sendMinimumSizePkt(false) == headerSize();
 }
@@ -500,17 +511,6 @@ int NwTcpSocket::sendMinimumSizePkt(bool markBroken) {
 void NwTcpSocket::shutDown() {
     ::shutdown(socketFd, SHUT_RDWR);
     ok = false;
-}
-
-int NwTcpSocket::NwBecomeNonBlocking() {
-    NwNetSocket::makeNonBlocking(socketFd);
-    return 0;
-}
-
-int NwTcpSocket::NwBecomeBlocking() {
-    const int flags = ::fcntl(socketFd, F_GETFL, 0);
-    if (::fcntl(socketFd, F_SETFL, flags & ~O_NONBLOCK) < 0) NwFatalPerror("blocking");
-    return 0;
 }
 
 void NwTcpSocket::setNoDelay(bool on) {

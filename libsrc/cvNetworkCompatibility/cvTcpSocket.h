@@ -45,9 +45,8 @@ struct CVNC_API NwTcpMessage {
 //   - A whole packet may overtake whole queued ones: when the queue could not move but the kernel has room by
 //     the time the new packet is offered.
 //   - A cap (setMaxForwarderQueue) drops what it refuses, without a word. When it refuses the rest of a
-//   packet
-//     of which the kernel took the start, the stream is torn and the peer misreads every length behind it.
-//     A cap of 0 tears as soon as the kernel takes part of a packet; with a cap, be ready to drop the
+//     packet of which the kernel took the start, the stream is torn and the peer misreads every length behind
+//     it. A cap of 0 tears as soon as the kernel takes part of a packet; with a cap, be ready to drop the
 //     connection. Bundles that a flush queues, and the rest of a piece that was queued already, are not
 //     subject to the cap.
 // With bundling on (NwSocket::setBundling), packets leave only through flush: a bundle enters the queue
@@ -64,7 +63,8 @@ struct CVNC_API NwTcpMessage {
 // Messages go to NwWarn and, at construction, to NwInfo, and are not printed while sockets are quiet. With
 // NwNetDebugOn every send, flush and receive traces itself on NwInfo. Each constructor ignores SIGPIPE for
 // the process. The header filters of NwSocket do not apply: packets are not looked into. One thread uses a
-// socket at a time. Not copyable.
+// socket at a time. Not copyable. The order of the virtual operations is part of the binary interface, and so
+// is the order of the fields.
 class CVNC_API NwTcpSocket : public NwSocket {
 public:
     // A client: connects to addr (host byte order) and port, and prints what it does. nonBlockingConnect 0
@@ -137,6 +137,10 @@ public:
 
     // False once the connection has ended or never came about; see above.
     bool isOk() const override;
+    // Switches the descriptor between waiting and not. The rest of this class expects one that does not wait,
+    // as constructors leave it. Return 0. Failures are NwFatalPerror("non-blocking") and ("blocking").
+    int NwBecomeNonBlocking() override;
+    virtual int NwBecomeBlocking();
     // Whether a connection test goes out at once: a connect under way has then succeeded. False too while
     // data wait in the queue. Changes isOk() in no way.
     virtual bool isConnectionEstablished();
@@ -153,10 +157,6 @@ public:
     // stays open until the destructor. Silent.
     void shutDown();
 
-    // Switches the descriptor between waiting and not. The rest of this class expects one that does not wait,
-    // as constructors leave it. Return 0. Failures are NwFatalPerror("non-blocking") and ("blocking").
-    int NwBecomeNonBlocking() override;
-    virtual int NwBecomeBlocking();
     // Sends small packets without delay (TCP_NODELAY; on at the start). Whatever `on` says, the type of
     // service becomes low delay. Failures are reported, unless quiet, and change nothing else.
     virtual void setNoDelay(bool on);

@@ -171,8 +171,66 @@ const ClassSlots kAsyncSocket = {"NwAsyncNetSocket",
                                      "recvFromNet(char**)",
                                  }};
 
-const ClassSlots kClasses[] = {kFilterTest, kSocket,      kNetSocket,   kQueueSocket,
-                               kPairSocket, kGroupSocket, kAsyncPacket, kAsyncSocket};
+const ClassSlots kTcpSocket = {"NwTcpSocket",
+                               &kSocket,
+                               {
+                                   "NwBecomeBlocking()",
+                                   "isConnectionEstablished()",
+                                   "testConnectionStatus()",
+                                   "setNoDelay(bool)",
+                                   "peerPort() const",
+                                   "localPort() const",
+                               },
+                               {
+                                   "sendTo(char*, unsigned long, unsigned int)",
+                                   "NwRecv(char**, int*)",
+                                   "NwRecv(char*, unsigned long)",
+                                   "flush()",
+                                   "flush(long&)",
+                                   "NwBecomeNonBlocking()",
+                                   "isOk() const",
+                               }};
+
+const ClassSlots kTcpSocketMgr = {"NwTcpSocketMgr",
+                                  nullptr,
+                                  {
+                                      "processConnections()",
+                                      "isOk() const",
+                                      "addrInUse() const",
+                                      "currentClientAddr() const",
+                                      "currentClientPort() const",
+                                      "currentSockFd() const",
+                                      "socketList()",
+                                      "addSocketAdditionCallback(void (*)(NwTcpSocket*, void*), void*)",
+                                      "removeSocketAdditionCallback(void (*)(NwTcpSocket*, void*), void*)",
+                                      "addSocketRemovalCallback(void (*)(NwTcpSocket*, void*), void*)",
+                                      "removeSocketRemovalCallback(void (*)(NwTcpSocket*, void*), void*)",
+                                      "sizeOffset()",
+                                      "sizeLength()",
+                                      "setSizeOffset(int)",
+                                      "setSizeLength(int)",
+                                      "setPacketBundling(unsigned int)",
+                                      "emptyCallbackLists()",
+                                  },
+                                  {}};
+
+const ClassSlots kTcpForwarder = {"NwTcpForwarder",
+                                  nullptr,
+                                  {
+                                      "sendToAll(char*, unsigned long)",
+                                      "readAndForward(double, double)",
+                                      "readAndForward(NwTcpSocket*, double)",
+                                      "socketMgr()",
+                                      "sizeLength()",
+                                      "sizeOffset()",
+                                      "setSizeLength(int)",
+                                      "setSizeOffset(int)",
+                                  },
+                                  {}};
+
+const ClassSlots kClasses[] = {kFilterTest, kSocket,       kNetSocket,   kQueueSocket,
+                               kPairSocket, kGroupSocket,  kAsyncPacket, kAsyncSocket,
+                               kTcpSocket,  kTcpSocketMgr, kTcpForwarder};
 
 struct Slot {
     std::string operation;
