@@ -3,6 +3,7 @@
 // that are already built have these places in their code.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <cstddef>
@@ -16,6 +17,9 @@
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
 #include <cvNetworkCompatibility/cvSocket.h>
+#include <cvNetworkCompatibility/cvTcpForwarder.h>
+#include <cvNetworkCompatibility/cvTcpSocket.h>
+#include <cvNetworkCompatibility/cvTcpSocketMgr.h>
 
 namespace {
 
@@ -211,6 +215,72 @@ public:
     }
 };
 
+// Around a descriptor without a connection.
+class TcpSocketFields : public NwTcpSocket {
+public:
+    TcpSocketFields() : NwTcpSocket(::socket(AF_INET, SOCK_STREAM, 0), loopbackAddr, 0) {}
+
+    static std::vector<Field> all() {
+        typedef NwTcpSocket Owner;
+        typedef TcpSocketFields Probe;
+        NwSocket::setQuietSockets(true);
+        Probe probe;
+        NwSocket::setQuietSockets(false);
+        return {FIELD(std::unique_ptr<char[]>, pktBuffer),
+                FIELD(unsigned int, pktBufferSize),
+                FIELD(NwIpv4Addr, peerAddr),
+                FIELD(int, peerPortNumber),
+                FIELD(int, localPortNumber),
+                FIELD(bool, ok),
+                FIELD(int, waitingForSize),
+                FIELD(int, sizeOffset),
+                FIELD(int, sizeLength),
+                FIELD(unsigned int, bytesToRead),
+                FIELD(unsigned int, bytesRead),
+                FIELD(NwList, sendQueue),
+                FIELD(int, maxQueue)};
+    }
+};
+
+class TcpSocketMgrFields : public NwTcpSocketMgr {
+public:
+    TcpSocketMgrFields() : NwTcpSocketMgr(0) {}
+
+    static std::vector<Field> all() {
+        typedef NwTcpSocketMgr Owner;
+        typedef TcpSocketMgrFields Probe;
+        Probe probe;
+        return {FIELD(int, listenFd),
+                FIELD(int, sizeOffset_),
+                FIELD(int, sizeLength_),
+                FIELD(int, currentSockFd_),
+                FIELD(NwIpv4Addr, currentClientAddr_),
+                FIELD(int, currentClientPort_),
+                FIELD(NwList, socketList_),
+                FIELD(int, ok),
+                FIELD(int, addrInUse_),
+                FIELD(bool, noDelay),
+                FIELD(unsigned int, packetBundling),
+                FIELD(SocketFactory, socketFactory),
+                FIELD(void*, factoryData),
+                FIELD(NwList, additionCallbacks),
+                FIELD(NwList, removalCallbacks)};
+    }
+};
+
+class TcpForwarderFields : public NwTcpForwarder {
+public:
+    TcpForwarderFields() : NwTcpForwarder(0) {}
+
+    static std::vector<Field> all() {
+        typedef NwTcpForwarder Owner;
+        typedef TcpForwarderFields Probe;
+        Probe probe;
+        return {FIELD(std::unique_ptr<NwTcpSocketMgr>, socketMgr_), FIELD(NwListPosition, nextSocket),
+                FIELD(NwClock, clock), FIELD(NwList*, sockets)};
+    }
+};
+
 }  // namespace
 
 TEST(FieldOrder, ofTheFilterTest) {
@@ -255,14 +325,38 @@ TEST(FieldOrder, ofTheAsynchronousSocket) {
     expectInOrder(AsyncSocketFields::all(), sizeof(NwNetSocket), sizeof(NwAsyncNetSocket));
 }
 
+TEST(FieldOrder, ofTheTcpSocket) {
+    expectInOrder(TcpSocketFields::all(), sizeof(NwSocket), sizeof(NwTcpSocket));
+}
+
+TEST(FieldOrder, ofTheQueuedPieceOfAStream) {
+    EXPECT_EQ(offsetof(NwTcpMessage, data), 0u);
+    EXPECT_EQ(offsetof(NwTcpMessage, size), sizeof(char*));
+    EXPECT_EQ(sizeof(NwTcpMessage), 2 * sizeof(char*));
+}
+
+TEST(FieldOrder, ofTheTcpManager) {
+    expectInOrder(TcpSocketMgrFields::all(), kVirtualTablePointer, sizeof(NwTcpSocketMgr));
+}
+
+TEST(FieldOrder, ofTheRegisteredCallback) {
+    EXPECT_EQ(offsetof(NwSocketCbInfo, callback), 0u);
+    EXPECT_EQ(offsetof(NwSocketCbInfo, userData), sizeof(void*));
+    EXPECT_EQ(sizeof(NwSocketCbInfo), 2 * sizeof(void*));
+}
+
+TEST(FieldOrder, ofTheTcpForwarder) {
+    expectInOrder(TcpForwarderFields::all(), kVirtualTablePointer, sizeof(NwTcpForwarder));
+}
+
 // A derived class's own fields lie behind these. Counted by hand from the fields, for 64-bit machines and the
 // containers of libstdc++.
 TEST(ClassSizes, stayWhatTheyAre) {
 #if defined(__LP64__) && defined(__GLIBCXX__)
-    EXPECT_EQ(sizeof(NwList), 8u + 8u + 4u + 4u /*padding*/);
+    EXPECT_EQ(sizeof(NwList), 8u + 8u + 4u + 4u /*padding*/ + 8u /*positions*/);
     EXPECT_EQ(sizeof(NwFilterTest), 8u + 4u + 4u /*padding*/ + sizeof(NwList));
     EXPECT_EQ(sizeof(NwSocket),
-              8u + 2 * 4u + 48u /*map*/ + 3 * 4u + 4u /*padding*/ + 4 * 40u + 8u /*the bundle used last*/);
+              8u + 2 * 4u + 48u /*map*/ + 3 * 4u + 4u /*padding*/ + 4 * 48u + 8u /*the bundle used last*/);
     EXPECT_EQ(sizeof(NwNetSocket), sizeof(NwSocket) + 4 * 4u + 3 * 8u + 10 * 4u + 4u /*bool, padding*/ +
                                        4 * 4u + 4u /*bool, padding*/ + 2 * 8u + 8u /*mode, padding*/ +
                                        2 * 8u /*kept packets and their sender*/);
@@ -275,6 +369,14 @@ TEST(ClassSizes, stayWhatTheyAre) {
     EXPECT_EQ(sizeof(NwAsyncNetSocket), sizeof(NwNetSocket) + 8u /*switches, padding*/ + 2 * kQueue +
                                             8u /*stop requests, padding*/ + 8u + 2 * 8u + 2 * 4u +
                                             8u /*flags of ours, padding*/ + kMutex + 8u /*flag, padding*/);
+    EXPECT_EQ(sizeof(NwListPosition), 3 * 8u + 8u /*bool, padding*/);
+    EXPECT_EQ(sizeof(NwTcpSocket), sizeof(NwSocket) + 8u + 4 * 4u + 4u /*bool, padding*/ + 5 * 4u +
+                                       sizeof(NwList) + 4u + 2 * 4u /*format under way*/ +
+                                       4u /*two flags, padding*/);
+    EXPECT_EQ(sizeof(NwTcpSocketMgr), 8u + 6 * 4u + sizeof(NwList) + 2 * 4u + 4u /*bool, padding*/ + 4u +
+                                          2 * 8u + 2 * sizeof(NwList) + 8u /*removals*/);
+    EXPECT_EQ(sizeof(NwTcpForwarder),
+              8u + 8u + sizeof(NwListPosition) + sizeof(NwClock) + 8u + 8u /*turn under way*/);
 #else
     GTEST_SKIP() << "counted for 64-bit machines and libstdc++";
 #endif
