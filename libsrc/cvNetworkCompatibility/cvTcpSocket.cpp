@@ -313,7 +313,7 @@ int NwTcpSocket::sendTo(char* buf, unsigned long len, bool markBroken) {
         if (isTracing())
             NwInfo("SendTo: storing %d bytes (whole packet): total packets in buffer = %d\n", size,
                    sendQueue.count());
-        queue(buf, 0, size);
+        queue(buf, size);
         return toInt(sent);
     }
     return sendNow(buf, size, sent, markBroken);
@@ -332,30 +332,43 @@ int NwTcpSocket::sendNow(char* buf, int len, long sent, bool markBroken) {
         if (isTracing())
             NwInfo("SendTo EWOULDBLOCK: storing %d bytes (whole packet): total packets in buffer = %d\n", len,
                    sendQueue.count());
-        queue(buf, 0, len);
+        queue(buf, len);
         return toInt(sent);
     }
     const bool whole = n == len;
     if (isTracing())
         NwInfo("SendTo: sent %d bytes (%s): total packets in buffer = %d\n", static_cast<int>(n),
                whole ? "whole packet" : "part of packet", sendQueue.count());
-    if (!whole) queue(buf, static_cast<int>(n), len - static_cast<int>(n));
+    if (!whole) queueRest(buf, static_cast<int>(n), len);
     return toInt(sent + n);
 }
 
-// Queues a packet at the end or, with an offset, the rest of one at the head, if the cap admits it.
-void NwTcpSocket::queue(const char* buf, int offset, int size) {
-    const bool uncapped = maxQueue == -1;
-    if (!uncapped && static_cast<unsigned int>(sendQueue.count()) >= static_cast<unsigned int>(maxQueue))
-        return;
+bool NwTcpSocket::isQueueFull() const {
+    return maxQueue != -1 &&
+           static_cast<unsigned int>(sendQueue.count()) >= static_cast<unsigned int>(maxQueue);
+}
+
+// A copy of buf[offset .. offset + size) into the queue, at the end that `add` stands for. False when memory
+// ended.
+bool NwTcpSocket::addPiece(const char* buf, int offset, int size, NwListItem* (NwList::*add)(void*)) {
     std::unique_ptr<NwTcpMessage> message(new (std::nothrow) NwTcpMessage(buf, offset, size));
-    const bool isRemainder = offset > 0;
-    NwListItem* item = nullptr;
-    if (message && message->data)
-        item = isRemainder ? sendQueue.addToStart(message.get()) : sendQueue.addToEnd(message.get());
-    if (!item) return reportNoMemory(size);
+    if (!message || !message->data || !(sendQueue.*add)(message.get())) return false;
     message.release();
-    if (isRemainder) headIsRemainder = true;
+    return true;
+}
+
+// Queues a packet at the end, if the cap admits it.
+void NwTcpSocket::queue(const char* buf, int size) {
+    if (!isQueueFull() && !addPiece(buf, 0, size, &NwList::addToEnd)) reportNoMemory(size);
+}
+
+// Queues the rest of a packet, of which the kernel took `sent` bytes, at the head, if the cap admits it.
+void NwTcpSocket::queueRest(const char* buf, int sent, int len) {
+    if (isQueueFull()) return;
+    if (addPiece(buf, sent, len - sent, &NwList::addToStart))
+        headIsRemainder = sent > 0;
+    else
+        loseRest(len - sent);
 }
 
 int NwTcpSocket::flush() {
@@ -407,10 +420,7 @@ bool NwTcpSocket::queueBundles() {
     for (BundleMap::value_type& entry : bundles) {
         std::vector<char>& bundle = entry.second;
         if (bundle.empty()) continue;
-        const int size = static_cast<int>(bundle.size());
-        std::unique_ptr<NwTcpMessage> message(new (std::nothrow) NwTcpMessage(bundle.data(), size));
-        if (!message || !message->data || !sendQueue.addToEnd(message.get())) return false;
-        message.release();
+        if (!addPiece(bundle.data(), 0, static_cast<int>(bundle.size()), &NwList::addToEnd)) return false;
         bundle.clear();
     }
     return true;
@@ -427,15 +437,20 @@ void NwTcpSocket::keepRemainder(NwListItem* item, int sent) {
     NwTcpMessage* message = messageAt(item);
     message->size -= sent;
     std::memmove(message->data.get(), message->data.get() + sent, static_cast<std::size_t>(message->size));
-    headIsRemainder = true;
-    if (item == sendQueue.first()) return;
-    if (sendQueue.addToStart(message))
+    if (item != sendQueue.first()) {
+        if (!sendQueue.addToStart(message)) return loseRest(message->size);
         sendQueue.remove(item);
-    else
-        reportNoMemory(message->size);
+    }
+    if (sent > 0) headIsRemainder = true;
 }
 
-// What was promised cannot be kept: nothing may follow in the stream.
+// The rest of a packet cannot be kept: the stream ends inside it, and the kernel lets nothing follow.
+void NwTcpSocket::loseRest(int size) {
+    reportNoMemory(size);
+    ::shutdown(socketFd, SHUT_WR);
+}
+
+// What was promised cannot be kept.
 void NwTcpSocket::reportNoMemory(int size) {
     if (ok && !isQuiet()) NwWarn("NwTcpSocket: no memory to queue %d bytes\n", size);
     ok = false;

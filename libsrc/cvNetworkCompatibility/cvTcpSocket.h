@@ -202,7 +202,11 @@ private:
     CVNC_LOCAL bool isConnectionTest(const NwListItem* item) const;
     CVNC_LOCAL void keepRemainder(NwListItem* item, int sent);
     CVNC_LOCAL int sendNow(char* buf, int len, long sent, bool markBroken);
-    CVNC_LOCAL void queue(const char* buf, int offset, int size);
+    CVNC_LOCAL bool isQueueFull() const;
+    CVNC_LOCAL bool addPiece(const char* buf, int offset, int size, NwListItem* (NwList::*add)(void*));
+    CVNC_LOCAL void queue(const char* buf, int size);
+    CVNC_LOCAL void queueRest(const char* buf, int sent, int len);
+    CVNC_LOCAL void loseRest(int size);
     CVNC_LOCAL void reportNoMemory(int size);
     CVNC_LOCAL void reportSendError();
 };
