@@ -3,6 +3,7 @@
 #include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
+#include <cvNetworkCompatibility/cvTcpSocket.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -14,6 +15,8 @@
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
+#include "sends.h"
+#include "tcp_peer.h"
 
 namespace {
 
@@ -209,6 +212,131 @@ TEST_F(OutOfMemory, asynchronousSocketRefusesOrDropsWhatItCannotQueue) {
     char* received = nullptr;
     ASSERT_EQ(socket.NwRecv(&received, nullptr), 24);
     EXPECT_EQ(std::string(received, 24), pdu(24, 2));
+}
+
+// A TCP socket whose kernel and whose memory end by appointment.
+class TcpOutOfMemory : public testing::Test {
+protected:
+    int send(const std::string& bytes) {
+        std::string copy = bytes;
+        return socket.sendTo(&copy[0], copy.size(), 0u);
+    }
+    // A send whose n-th allocation from now on fails, the caller's own not counted.
+    int sendWithout(int n, const std::string& bytes) {
+        std::string copy = bytes;
+        allocationsLeft = n;
+        const int sent = socket.sendTo(&copy[0], copy.size(), 0u);
+        allocationsLeft = -1;
+        return sent;
+    }
+    int waiting() const { return socket.getQueueStatus().first; }
+
+    TcpListener listener;
+    NwTcpSocket socket{kLoopback, listener.port(), 0};
+    TcpPeer peer{listener.accept()};
+    Messages messages;
+};
+
+const int kAllocationsOfAPiece = 3;  // record, bytes, place in the list
+
+class TcpOutOfMemoryAt : public TcpOutOfMemory, public testing::WithParamInterface<int> {};
+
+TEST_P(TcpOutOfMemoryAt, packetThatCannotBeQueuedEndsTheConnection) {
+    const std::string waits(20, 'w');
+    Sends sends(socket.writeFd());
+    sends.keepRecord(false);
+    sends.always(hasNoRoom());
+    send(waits);
+    EXPECT_EQ(sendWithout(GetParam(), std::string(100, 'a')), 0);
+    EXPECT_EQ(waiting(), 1);
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(messages.all(), "NwTcpSocket: no memory to queue 100 bytes\n");
+    sendWithout(GetParam(), std::string(100, 'a'));
+    EXPECT_EQ(messages.all(), "") << "said once";
+    sends.always(takesAll());
+    EXPECT_EQ(socket.flush(), 1);
+    EXPECT_EQ(peer.receive(20), waits);
+}
+
+TEST_P(TcpOutOfMemoryAt, nothingFollowsAPacketWhoseRestCannotBeKept) {
+    Sends sends(socket.writeFd());
+    sends.keepRecord(false);
+    sends.next({takes(60)});
+    EXPECT_EQ(sendWithout(GetParam(), std::string(100, 'a')), 60);
+    EXPECT_EQ(waiting(), 0);
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(messages.all(), "NwTcpSocket: no memory to queue 40 bytes\n");
+    EXPECT_EQ(send(std::string(50, 'b')), 0);
+    socket.setBundling(1400);
+    char packet[] = "ccc";
+    socket.NwSend(packet, 3, 0u);
+    socket.flush();
+    EXPECT_EQ(peer.receiveToEnd(), std::string(60, 'a')) << "the peer sees the end inside the packet";
+}
+
+TEST_P(TcpOutOfMemoryAt, bundleThatCannotBeQueuedStaysABundle) {
+    socket.setBundling(1400);
+    char first[] = "first", second[] = "second";
+    socket.NwSend(first, 5, 1u);
+    socket.NwSend(second, 6, 2u);
+    long sent = 0;
+    allocationsLeft = kAllocationsOfAPiece + GetParam();
+    EXPECT_EQ(socket.flush(sent), -1);
+    allocationsLeft = -1;
+    EXPECT_EQ(sent, 5) << "what got into the queue leaves";
+    EXPECT_TRUE(socket.isOk());
+    EXPECT_EQ(socket.flush(sent), 1);
+    EXPECT_EQ(sent, 6);
+    EXPECT_EQ(peer.receive(11), "firstsecond");
+    EXPECT_EQ(messages.all(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(EachAllocation, TcpOutOfMemoryAt, testing::Range(0, kAllocationsOfAPiece));
+
+TEST_F(TcpOutOfMemory, sendingAndCuttingAQueuedPieceNeedNone) {
+    Sends sends(socket.writeFd());
+    sends.next({hasNoRoom()});
+    send(std::string(100, 'a'));
+    sends.next({takes(60)});
+    sends.keepRecord(false);
+    long sent = 0;
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.flush(sent), 0);
+    allocationsLeft = -1;
+    EXPECT_EQ(sent, 60);
+    EXPECT_EQ(waiting(), 1);
+    EXPECT_TRUE(socket.isOk());
+    EXPECT_EQ(socket.flush(), 1);
+    EXPECT_EQ(peer.receive(100), std::string(100, 'a'));
+}
+
+TEST_F(TcpOutOfMemory, nothingFollowsAPieceCutBehindAStuckTestThatCannotGoFirst) {
+    Sends sends(socket.writeFd());
+    sends.always(hasNoRoom());
+    for (const std::string& piece : {std::string("tt"), std::string(9, 'a'), std::string(9, 'b')})
+        send(piece);
+    sends.always(takesAll());
+    sends.next({refuses(EPIPE), takes(5)});
+    sends.keepRecord(false);
+    messages.all();
+    long sent = 0;
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.flush(sent), 0);
+    allocationsLeft = -1;
+    EXPECT_EQ(sent, 5);
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(messages.all(), "NwTcpSocket: no memory to queue 4 bytes\n");
+    EXPECT_EQ(socket.flush(), -1);
+    EXPECT_EQ(send(std::string(50, 'c')), 0);
+    EXPECT_EQ(peer.receiveToEnd(), std::string(5, 'a'));
+}
+
+TEST_F(TcpOutOfMemory, connectionTestThatCannotBeMadeIsNotSent) {
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.sendMinimumSizePkt(true), 0);
+    allocationsLeft = -1;
+    EXPECT_TRUE(socket.isOk());
+    EXPECT_TRUE(socket.isConnectionEstablished());
 }
 
 }  // namespace
