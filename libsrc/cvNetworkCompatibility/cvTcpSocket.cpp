@@ -163,14 +163,14 @@ void NwTcpSocket::startPacket() {
 
 void NwTcpSocket::setSizeOffset(int off) {
     sizeOffset = off;
-    if (bytesRead == 0) startPacket();
+    if (bytesRead == 0 && !isRefused()) startPacket();
 }
 
 void NwTcpSocket::setSizeLength(int len) {
     const bool valid = len == 1 || len == 2 || len == 4;
     if (!valid && !isQuiet()) NwWarn("Invalid value for size, using default value\n");
     sizeLength = valid ? len : 2;
-    if (bytesRead == 0) startPacket();
+    if (bytesRead == 0 && !isRefused()) startPacket();
 }
 
 void NwTcpSocket::setPacketBufferSize(int size) {
@@ -248,7 +248,8 @@ int NwTcpSocket::readBody(char** pkt, int* status) {
 // One recv() for what the current phase still wants. Returns how much came, or 0 to end the call.
 int NwTcpSocket::readWanted(char** pkt, int* status) {
     const unsigned int needed = bytesRead + bytesToRead;
-    if (pktBufferSize <= needed && !expandPktBuffer(needed)) return refuseLength(needed, pkt, status);
+    if (isRefused() || (pktBufferSize <= needed && !expandPktBuffer(needed)))
+        return refuseLength(needed, pkt, status);
     const int n = static_cast<int>(::recv(socketFd, pktBuffer.get() + bytesRead, bytesToRead, 0));
     return checkSize(n, pkt, status) ? n : 0;
 }
@@ -267,6 +268,7 @@ int NwTcpSocket::checkSize(int n, char** pkt, int* status) {
 int NwTcpSocket::refuseLength(unsigned int length, char** pkt, int* status) {
     if (ok && !isQuiet()) NwWarn("NwTcpSocket: bad packet length %u\n", length);
     ok = false;
+    headerWidth = 0;
     bytesToRead = 0;  // later calls read nothing
     *pkt = nullptr;
     if (status) *status = 0;

@@ -182,7 +182,7 @@ protected:
     NwList sendQueue;          // of NwTcpMessage*, next to send first
     int maxQueue;              // compared as unsigned; -1: no cap
     int headerOffset;          // the format of the packet under way
-    int headerWidth;
+    int headerWidth;           // 0: a length was refused, and nothing is read any more
     bool headIsRemainder;  // the head of the queue is the rest of a packet that the peer has begun to read
     bool sendFailed;       // a hard send error was seen
 
@@ -195,6 +195,7 @@ private:
     CVNC_LOCAL int readBody(char** pkt, int* status);
     CVNC_LOCAL int readWanted(char** pkt, int* status);
     CVNC_LOCAL int refuseLength(unsigned int length, char** pkt, int* status);
+    CVNC_LOCAL bool isRefused() const { return headerWidth == 0; }
     CVNC_LOCAL unsigned int announcedLength() const;
 
     CVNC_LOCAL long headerSize() const { return static_cast<long>(sizeOffset) + sizeLength; }
