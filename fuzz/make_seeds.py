@@ -1,16 +1,17 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: BSD-3-Clause
-"""Writes fuzz/seeds/splitter from the captures of tests/data/dis: recorded datagrams under many settings.
+"""Writes the seeds from the captures of tests/data/dis: recorded datagrams under many settings for the splitter,
+recorded PDUs and packets made by hand as streams for the framer.
 
-The layout of an input is told at the top of splitter_fuzz.cpp. Files whose names start with "crash-" are
-findings of earlier days and are left alone.
+The layout of an input is told at the top of each target. Files whose names start with "crash-" are findings of
+earlier days and are left alone.
 """
 import pathlib
 import struct
 
 ROOT = pathlib.Path(__file__).resolve().parent
 DATA = ROOT.parent / "tests" / "data" / "dis"
-SEEDS = ROOT / "seeds" / "splitter"
+SPLITTER, FRAMER = (ROOT / "seeds" / name for name in ("splitter", "framer"))
 DERIVED, HEADER, NETWORK, QUIET, UNBUNDLE, OWN, IN_PLACE, COPIED = (1 << i for i in range(8))
 DEFAULT = DERIVED | HEADER | NETWORK | UNBUNDLE
 
@@ -27,7 +28,7 @@ def datagrams(name):
 
 def write(name, payloads, flags=DEFAULT, width=2, filter=0, value=0, offset=8, smallest=12, room=15000, toggles=0, burst=1):
     head = struct.pack("<BbBBiiHBB", flags, width, filter, value, offset, smallest, room, toggles, burst - 1)
-    (SEEDS / name).write_bytes(head + b"".join(struct.pack("<H", len(p)) + p for p in payloads))
+    (SPLITTER / name).write_bytes(head + b"".join(struct.pack("<H", len(p)) + p for p in payloads))
 
 
 def own_format(width, sizes, order="big"):
@@ -35,11 +36,15 @@ def own_format(width, sizes, order="big"):
     return b"".join(size.to_bytes(width, order) + bytes(range(0x80, 0x80 + size - width)) for size in sizes)
 
 
-def main():
-    SEEDS.mkdir(parents=True, exist_ok=True)
-    for old in SEEDS.iterdir():
+def clear(seeds):
+    seeds.mkdir(parents=True, exist_ok=True)
+    for old in seeds.iterdir():
         if not old.name.startswith("crash-"):
             old.unlink()
+
+
+def splitter_seeds():
+    clear(SPLITTER)
     composed = datagrams("composed-bundles.pcap")
     dis6, dis7 = datagrams("generated-dis6.pcap"), datagrams("generated-dis7.pcap")
     patrol = datagrams("real-dis7-bundled-patrol.pcap")
@@ -85,4 +90,83 @@ def main():
     write("no-room", [small[0]], room=0xFFFF)
 
 
-main()
+
+# --- streams ---------------------------------------------------------------------------------------------
+
+BIG, SILENT, COPIED_OUT, NO_STATUS, ENDS, TRACED, FORMAT_FIRST = (1 << i for i in range(7))
+STREAM = BIG | ENDS | FORMAT_FIRST
+ONE_RECEIVE = 0x1000
+MORE = struct.pack("<H", 0xFFFD)
+
+
+def cut(stream, *sizes, receive=0):
+    """The stream in pieces of these sizes, the last one repeated."""
+    result, position, i = b"", 0, 0
+    while position < len(stream):
+        piece = stream[position : position + sizes[min(i, len(sizes) - 1)]]
+        result += struct.pack("<H", len(piece) | receive) + piece
+        position, i = position + len(piece), i + 1
+    return result
+
+
+def offset_step(offset):
+    return struct.pack("<Hi", 0xFFFF, offset)
+
+
+def width_step(width):
+    return struct.pack("<Hb", 0xFFFE, width)
+
+
+def write_stream(name, steps, flags=STREAM, width=2, offset=0, buffer=2000, room=8):
+    head = struct.pack("<BbiHB", flags, width, offset, buffer, room)
+    (FRAMER / name).write_bytes(head + steps)
+
+
+def packet(width, length, offset=0, size=None, order="big"):
+    """A packet that announces `length`, and is that long unless told otherwise."""
+    size = length if size is None else size
+    field = (length % 256**width).to_bytes(width, order)
+    return (bytes(range(0x61, 0x61 + offset)) + field + bytes(i % 251 for i in range(size)))[:size]
+
+
+def framer_seeds():
+    clear(FRAMER)
+    pdus = [d for d in datagrams("real-dis5-short.pcap") if len(d) < 400][:4]
+    dis = b"".join(pdus)
+    write_stream("dis", cut(dis, 4095), offset=8)
+    write_stream("dis-pieces", cut(dis, 7, 5, 100), offset=8)
+    write_stream("dis-copied", cut(dis, 50), flags=STREAM | COPIED_OUT, offset=8)
+    write_stream("dis-one-receive", cut(dis, 60, receive=ONE_RECEIVE), flags=STREAM | NO_STATUS, offset=8)
+    for width in (1, 2, 4):
+        for order, flag in (("big", BIG), ("little", 0)):
+            stream = b"".join(packet(width, n, order=order) for n in (width + 1, 40, width, 127, 3 + width))
+            write_stream(f"width-{width}-{order}", cut(stream, 3, 11), flags=(STREAM & ~BIG) | flag, width=width)
+        write_stream(f"bytes-{width}", cut(packet(width, 9, 3) + packet(width, 12, 3), 1), width=width, offset=3)
+        write_stream(f"tests-{width}", cut(packet(width, width) * 3 + packet(width, 20), 40), width=width)
+    for length in (0, 1, 2, 9, 10, 11, 0x7FFF, 0x8000, 0xFFFF):
+        stream = packet(2, 20, 8) + packet(2, length, 8, size=40)
+        write_stream(f"length-{length}", cut(stream, 25), offset=8)
+    for length in (0, 3, 4, 5, 0x7F, 0xFFFF, 0x10000, 2**20, 2**31 - 1, 2**31, 2**32 - 1):
+        write_stream(f"length-4-{length}", cut(packet(4, length, size=60), 30), width=4)
+    for length in (0, 1, 2, 0x7F, 0x80, 0xFF):
+        write_stream(f"length-1-{length}", cut(packet(1, length, size=130), 30), width=1)
+    for buffer in (0, 1, 19, 20, 21, 0xFFFF):
+        write_stream(f"buffer-{buffer}", cut(packet(2, 20) + packet(2, 20) + packet(2, 61), 33), buffer=buffer)
+    for offset in (-1, -2, -(2**31), 2**31 - 3, 2**31 - 1, 2**20, 3000):
+        write_stream(f"offset-{offset}", cut(packet(2, 20) * 3, 30), offset=offset)
+    write_stream("offset-back", cut(packet(2, 20), 30) + offset_step(0) + cut(packet(2, 20), 30), offset=-1)
+    write_stream("width-none", cut(packet(2, 20), 30) + width_step(3) + width_step(-1), width=0)
+    write_stream(
+        "change-in-header",
+        cut(packet(2, 20, 8)[:5], 5) + offset_step(0) + width_step(4) + cut(packet(2, 20, 8)[5:] + packet(4, 12), 9),
+        offset=8,
+    )
+    write_stream("change-in-body", cut(packet(2, 20)[:9], 9) + width_step(1) + cut(packet(2, 20)[9:] + packet(1, 12), 9))
+    write_stream("open", cut(packet(2, 20)[:9], 9) + MORE * 3, flags=STREAM & ~ENDS)
+    write_stream("quiet", cut(packet(2, 1), 9) + width_step(9), flags=STREAM | SILENT)
+    write_stream("traced", cut(packet(2, 2) + packet(2, 3000)[:900], 7, 400), flags=STREAM | TRACED)
+    write_stream("defaults", cut(packet(2, 50), 20) + cut(packet(2, 2), 2), flags=BIG)
+
+
+splitter_seeds()
+framer_seeds()
