@@ -821,6 +821,27 @@ TEST_F(TcpReceive, offsetThatNoPacketCanHaveEndsTheConnection) {
     }
 }
 
+TEST_F(TcpReceive, noFormatBringsARefusedConnectionBack) {
+    for (const Format& format : {Format{2, -1}, Format{2, 0}, Format{4, INT_MAX}}) {
+        SCOPED_TRACE(testing::Message() << format);
+        Connection connection(format);
+        connection.feed(std::string(1, '\0') + std::string(9, '\1'));  // a length of 1 where there is one
+        EXPECT_EQ(connection.take(), nothing());
+        EXPECT_FALSE(connection.socket.isOk());
+        const std::size_t left = connection.unread();
+        messages.all();
+        watch(connection);
+        connection.socket.setSizeOffset(0);
+        connection.socket.setSizeLength(2);
+        connection.feed(packet(kDefault, 40));
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(connection.take(), nothing());
+        EXPECT_TRUE(requests.empty()) << "the system is not even asked";
+        EXPECT_EQ(connection.unread(), left + 40);
+        EXPECT_FALSE(connection.socket.isOk());
+        EXPECT_EQ(messages.all(), "");
+    }
+}
+
 TEST_F(TcpReceive, offsetFarIntoThePacketIsReadWhereItIs) {
     const Format far = {2, 50000};
     Connection connection(far);
