@@ -26,8 +26,9 @@ NwSocketCbInfo* callbackAt(const NwListItem* item) {
     return static_cast<NwSocketCbInfo*>(item->data());
 }
 
-void addCallback(NwList& list, NwSocketCbInfo::Callback callback, void* userData) {
+void addCallback(NwList& list, NwSocketCbInfo::Callback callback, void* userData, unsigned long number) {
     NwSocketCbInfo* info = new (std::nothrow) NwSocketCbInfo(callback, userData);
+    if (info) info->number = number;
     if (info && list.addToEnd(info)) return;
     delete info;
     NwWarn("NwTcpSocketMgr: no memory for a callback\n");
@@ -50,11 +51,12 @@ void emptyCallbacks(NwList& list) {
     }
 }
 
-// Shows the socket at `socket` to every callback, until one removes it. Callbacks added meanwhile wait for
-// the next socket: without this bound, one that registers itself anew would be called for ever.
-void callAll(NwList& list, const NwListPosition& socket) {
+// Shows the socket at `socket` to every callback up to the registration `last`, until one removes it. Those
+// registered meanwhile wait for the next socket: without this bound, one that registers itself anew would be
+// called for ever.
+void callAll(NwList& list, unsigned long last, const NwListPosition& socket) {
     NwListPosition next(list, list.first());
-    for (int left = list.count(); left > 0 && next.item() && !socket.hasMoved(); --left) {
+    while (next.item() && callbackAt(next.item())->number <= last && !socket.hasMoved()) {
         const NwSocketCbInfo info = *callbackAt(next.item());
         next.advance();
         info.callback(socketAt(socket.item()), info.userData);
@@ -69,7 +71,7 @@ bool isNoListener(int error) {
 }  // namespace
 
 NwSocketCbInfo::NwSocketCbInfo(Callback newCallback, void* newUserData)
-    : callback(newCallback), userData(newUserData) {}
+    : callback(newCallback), userData(newUserData), number(0) {}
 
 // A removal under way: removing the same socket again, from a callback, does nothing.
 struct NwTcpSocketMgr::Removal {
@@ -106,7 +108,8 @@ NwTcpSocketMgr::NwTcpSocketMgr(SocketFactory factory, void* userData)
       packetBundling(0),
       socketFactory(factory),
       factoryData(userData),
-      removals(nullptr) {
+      removals(nullptr),
+      registrations(0) {
     if (listenFd < 0) NwWarn("Failed to open socket\n");
 }
 
@@ -172,7 +175,7 @@ void NwTcpSocketMgr::addConnection() {
         NwWarn("NwTcpSocketMgr: no memory for a connection\n");
         return;
     }
-    callAll(additionCallbacks, NwListPosition(socketList_, item));
+    callAll(additionCallbacks, registrations, NwListPosition(socketList_, item));
 }
 
 NwTcpSocket* NwTcpSocketMgr::makeSocket() {
@@ -205,7 +208,7 @@ void NwTcpSocketMgr::removeAndDelete(NwTcpSocket* socket) {
         if (removal->socket == socket) return;
     Removal removal = {socket, removals};
     removals = &removal;
-    callAll(removalCallbacks, NwListPosition(socketList_, item));
+    callAll(removalCallbacks, registrations, NwListPosition(socketList_, item));
     removals = removal.outer;
     socketList_.remove(item);
     delete socket;
@@ -214,7 +217,7 @@ void NwTcpSocketMgr::removeAndDelete(NwTcpSocket* socket) {
 // --- callbacks -------------------------------------------------------------------------------------------
 
 void NwTcpSocketMgr::addSocketAdditionCallback(Callback callback, void* userData) {
-    addCallback(additionCallbacks, callback, userData);
+    addCallback(additionCallbacks, callback, userData, ++registrations);
 }
 
 void NwTcpSocketMgr::removeSocketAdditionCallback(Callback callback, void* userData) {
@@ -222,7 +225,7 @@ void NwTcpSocketMgr::removeSocketAdditionCallback(Callback callback, void* userD
 }
 
 void NwTcpSocketMgr::addSocketRemovalCallback(Callback callback, void* userData) {
-    addCallback(removalCallbacks, callback, userData);
+    addCallback(removalCallbacks, callback, userData, ++registrations);
 }
 
 void NwTcpSocketMgr::removeSocketRemovalCallback(Callback callback, void* userData) {

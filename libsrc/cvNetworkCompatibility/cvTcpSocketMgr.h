@@ -17,7 +17,8 @@ struct CVNC_API NwSocketCbInfo {
     NwSocketCbInfo(Callback newCallback, void* newUserData);
 
     Callback callback;
-    void* userData;  // the application's
+    void* userData;        // the application's
+    unsigned long number;  // of the registration; the manager counts
 };
 
 // Listens on a port and holds the connections that came in.
@@ -136,6 +137,7 @@ private:
     CVNC_LOCAL NwListItem* itemOf(const NwTcpSocket* socket) const;
 
     Removal* removals;  // those under way, innermost first
+    unsigned long registrations;
 };
 
 #endif
