@@ -6,9 +6,9 @@
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvTcpSocket.h>
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -187,11 +187,14 @@ NwTcpSocket* NwTcpSocketMgr::makeSocket() {
         ::close(fd);
         return nullptr;
     }
+    struct stat accepted = {}, now = {};
+    ::fstat(fd, &accepted);
     NwSocket* made = socketFactory(factoryData, this);
     if (NwTcpSocket* socket = dynamic_cast<NwTcpSocket*>(made)) return socket;
     NwWarn("NwTcpSocketMgr: no socket for a connection\n");
     delete made;
-    if (::fcntl(fd, F_GETFD) != -1) ::close(fd);  // what was made may have owned it
+    // The factory, or what it made, may have closed it; its number can lead to something else by now.
+    if (::fstat(fd, &now) == 0 && now.st_dev == accepted.st_dev && now.st_ino == accepted.st_ino) ::close(fd);
     return nullptr;
 }
 
