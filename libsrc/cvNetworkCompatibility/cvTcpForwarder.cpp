@@ -61,24 +61,24 @@ void NwTcpForwarder::readAndForward(NwTcpSocket* socket, double deadline) {
     }
 }
 
+// From the start to the end of the list, then from its first to the start. Only behind the end does coming to
+// the start mean that the cycle is full: a start that is removed moves on, perhaps to one not served yet.
 void NwTcpForwarder::readAndForward(double totalTime, double perSocketTime) {
     const double end = clock.absRealTime() + totalTime;
     if (!sockets->first()) return;
-    wrap(nextSocket);
+    if (!nextSocket.item()) nextSocket.set(sockets->first());
     NwListPosition position(*sockets, nextSocket.item());
-    bool startMoved;
+    bool isBehindTheEnd = false, isFull;
     do {
         const NwListPosition current(*sockets, position.item());
         position.advance();
-        wrap(position);
-        const bool isStart = current.item() == nextSocket.item();
         serve(current, NwMin(clock.absRealTime() + perSocketTime, end));
-        wrap(position);
-        wrap(nextSocket);
-        startMoved = isStart && current.hasMoved();
-        if (startMoved) nextSocket.set(position.item());
-    } while (position.item() && (startMoved || position.item() != nextSocket.item()) &&
-             end > clock.absRealTime());
+        if (!position.item() && !isBehindTheEnd) {
+            isBehindTheEnd = true;
+            position.set(sockets->first());
+        }
+        isFull = isBehindTheEnd && position.item() == nextSocket.item();
+    } while (!isFull && position.item() && end > clock.absRealTime());
     nextSocket.set(position.item());
 }
 
@@ -90,11 +90,6 @@ void NwTcpForwarder::serve(const NwListPosition& current, double end) {
     if (socket->isOk()) readAndForward(socket, end);
     serving = outer;
     if (!current.hasMoved() && !socket->isOk()) socketMgr_->removeAndDelete(socket);
-}
-
-// From the end on to the first.
-void NwTcpForwarder::wrap(NwListPosition& position) const {
-    if (!position.item()) position.set(sockets->first());
 }
 
 NwListItem* NwTcpForwarder::itemOf(const NwTcpSocket* socket) const {

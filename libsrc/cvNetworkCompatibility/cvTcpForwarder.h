@@ -73,7 +73,6 @@ protected:
 private:
     CVNC_LOCAL explicit NwTcpForwarder(NwTcpSocketMgr* manager);
 
-    CVNC_LOCAL void wrap(NwListPosition& position) const;
     CVNC_LOCAL void serve(const NwListPosition& current, double end);
     CVNC_LOCAL NwListItem* itemOf(const NwTcpSocket* socket) const;
 };
