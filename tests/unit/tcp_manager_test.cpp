@@ -26,6 +26,7 @@
 #include "messages.h"
 #include "network.h"
 #include "process.h"
+#include "tcp_connections.h"
 #include "tcp_peer.h"
 
 // --- in the place of the system's calls --------------------------------------------------------------------
@@ -124,49 +125,8 @@ int option(int fd, int level, int name) {
     return value;
 }
 
-sockaddr_in localAddress(int fd) {
-    sockaddr_in result = {};
-    socklen_t size = sizeof result;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&result), &size);
-    return result;
-}
-
-int portOf(const NwTcpSocketMgr& manager) {
-    return ntohs(localAddress(manager.readFd()).sin_port);
-}
-
 bool isOpen(int fd) {
     return ::fcntl(fd, F_GETFD) != -1;
-}
-
-// How many connections wait for accept().
-unsigned int pending(int listener) {
-    tcp_info info = {};
-    socklen_t size = sizeof info;
-    ::getsockopt(listener, IPPROTO_TCP, TCP_INFO, &info, &size);
-    return info.tcpi_unacked;
-}
-
-// Connects, from an address of choice, and waits until the manager could accept.
-TcpPeer connectTo(const NwTcpSocketMgr& manager, NwIpv4Addr from = kLoopback) {
-    const unsigned int before = pending(manager.readFd());
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(from);
-    EXPECT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    address.sin_addr.s_addr = htonl(kLoopback);
-    address.sin_port = htons(static_cast<in_port_t>(portOf(manager)));
-    EXPECT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_TRUE(eventually([&] { return pending(manager.readFd()) == before + 1; }));
-    return TcpPeer::around(fd);
-}
-
-std::vector<NwTcpSocket*> socketsOf(NwTcpSocketMgr& manager) {
-    std::vector<NwTcpSocket*> sockets;
-    for (NwListItem* item = manager.socketList()->first(); item; item = item->next())
-        sockets.push_back(static_cast<NwTcpSocket*>(item->data()));
-    return sockets;
 }
 
 // A socket that tells what is done to it, and when it goes.
