@@ -6,7 +6,9 @@
 //         static const Differences& is();     // its row
 //         NwSocket& out();                    // a socket that sends, made when first asked for
 //         NwSocket& in();                     // a non-blocking socket that receives
-//         std::string wire();                 // the next datagram (or message) that left out(); waits for it
+//         std::string wire(std::size_t);      // the next datagram (or message) that left out(); waits for
+//         it.
+//                                             // A stream, which has none, gives its next so many bytes
 //         bool wireIsEmpty();                 // whether nothing more left it
 //         void feed(const std::string&);      // one datagram for in(), there to be received on return
 //         void close();                       // destroys out()
@@ -19,7 +21,11 @@
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
 #include <cvNetworkCompatibility/cvSocket.h>
+#include <cvNetworkCompatibility/cvTcpSocket.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,6 +35,7 @@
 
 #include "async_peek.h"
 #include "network.h"
+#include "tcp_peer.h"
 
 // What differs between transports, and nothing else does. Each column has its test in the contract suite; a
 // column is added when a new transport is the first to differ in it.
@@ -41,22 +48,26 @@ struct Differences {
     int longestLent;           // more is cut; 0: the full length is told, whatever the buffer holds
     bool sendsEmptyPackets;    // else they do not leave
     int emptyStatus;           // of a packet of no bytes that was received; the result is 0, the pointer null
-    bool heedsDestination;     // NwSend sends where it is told to
+    bool heedsDestination;     // NwSend keeps a bundle for each destination
     bool splitsBundles;        // a bundle comes in as the packets it is made of
     bool knowsSource;          // lastSourceInetAddr
     bool hasDescriptor;
-    bool tellsFailure;     // sendTo's result says whether the network took the packet
+    bool tellsFailure;     // NwSend and flush say whether the network took what they had
+    int refusedByte;       // what sendTo says of one byte that the network refused
+    bool queuesBundles;    // a bundle that could not leave waits in a queue of the socket's own
     bool flushesAtTheEnd;  // else what waits in bundles goes with the socket
+    bool isStream;         // what comes in is cut where lengths inside say; nothing shorter is a packet
 };
 
 // clang-format off
-//                              counts refused filters full   longest empty  empty   heeds  splits knows  descr. tells   flushes
-//                                                     length lent    leaves status  dest.         source        failure at end
-const Differences kQueueIs = {"queue", false, false, false, true,  0,     true,  0, true,  false, false, false, false, false};
-const Differences kPairIs  = {"pair",  true,  false, true,  false, 1500,  true,  1, true,  false, false, true,  true,  false};
-const Differences kUdpIs   = {"UDP",   true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  true,  true};
-const Differences kAsyncIs = {"async", true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  false, true};
-const Differences kGroupIs = {"group", true,  true,  true,  true,  15000, false, 0, false, true,  true,  true,  true,  true};
+//                              counts refused filters full   longest empty  empty   heeds  splits knows  descr. tells   refused queues flushes stream
+//                                                     length lent    leaves status  dest.         source        failure byte    bundles at end
+const Differences kQueueIs = {"queue", false, false, false, true,  0,     true,  0, true,  false, false, false, false,  0, false, false, false};
+const Differences kPairIs  = {"pair",  true,  false, true,  false, 1500,  true,  1, true,  false, false, true,  true,  -1, false, false, false};
+const Differences kUdpIs   = {"UDP",   true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  true,  -1, false, true,  false};
+const Differences kAsyncIs = {"async", true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  false,  1, false, true,  false};
+const Differences kGroupIs = {"group", true,  true,  true,  true,  15000, false, 0, false, true,  true,  true,  true,  -1, false, true,  false};
+const Differences kTcpIs   = {"TCP",   false, false, false, true,  65535, false, 0, true,  true,  false, true,  true,   0, true,  false, true};
 // clang-format on
 
 const NwIpv4Addr kUnreachable = 0x0A090901u;  // no route leads there in a private network
@@ -66,7 +77,7 @@ struct QueueLink {
     static const Differences& is() { return kQueueIs; }
     NwSocket& out() { return *socket; }
     NwSocket& in() { return *socket; }
-    std::string wire() {
+    std::string wire(std::size_t) {
         std::vector<char> bytes(70000);
         const int length = socket->NwRecv(bytes.data(), bytes.size());
         return std::string(bytes.data(), static_cast<std::size_t>(length));
@@ -87,7 +98,7 @@ struct PairLink {
         socket->NwBecomeNonBlocking();
         return *socket;
     }
-    std::string wire() {
+    std::string wire(std::size_t) {
         std::vector<char> bytes(70000);
         const ssize_t length = ::recv(peer, bytes.data(), bytes.size(), MSG_DONTWAIT);
         if (length < 0) ADD_FAILURE() << "no datagram came";
@@ -127,7 +138,7 @@ struct UdpLinkOf {
         }
         return *receiver;
     }
-    std::string wire() { return far.receive(); }
+    std::string wire(std::size_t) { return far.receive(); }
     bool wireIsEmpty() { return far.isEmpty(); }
     void feed(const std::string& bytes) { near.send(bytes, boundPort(in().readFd())); }
     void close() { sender.reset(); }
@@ -171,6 +182,55 @@ struct GroupLink : UdpLinkOf<NwGroupSocket> {
         sender->addRemoteSite(kUnreachable);
         return UdpLinkOf::breakWire();
     }
+};
+
+// A raw peer on loopback for each direction; packets have their length where DIS has it.
+struct TcpLink {
+    static const Differences& is() { return kTcpIs; }
+    NwSocket& out() {
+        if (!sender) {
+            sender.reset(new NwTcpSocket(kLoopback, listener.port(), 0));
+            sender->setSizeOffset(8);
+            far.reset(new TcpPeer(listener.accept()));
+        }
+        return *sender;
+    }
+    NwSocket& in() {
+        if (!receiver) {
+            near.reset(new TcpPeer(listener.port()));
+            receiver.reset(new NwTcpSocket(listener.acceptFd(), kLoopback, 0));
+            receiver->setSizeOffset(8);
+        }
+        return *receiver;
+    }
+    std::string wire(std::size_t length) { return far->receive(length); }
+    bool wireIsEmpty() {
+        if (!sender) return !far || far->receiveToEnd().empty();
+        eventually([this] { return pending(sender->writeFd(), SIOCOUTQ) == 0; });  // it is there
+        return pending(far->fd(), SIOCINQ) == 0;
+    }
+    void feed(const std::string& bytes) {
+        const int fd = in().readFd();
+        const std::size_t before = pending(fd, SIOCINQ);
+        near->sendAll(bytes);
+        EXPECT_TRUE(eventually([&] { return pending(fd, SIOCINQ) == before + bytes.size(); }));
+    }
+    void close() { sender.reset(); }
+    bool breakWire() {
+        out();
+        far->reset();
+        pollfd entry = {sender->writeFd(), POLLRDHUP, 0};
+        return ::poll(&entry, 1, kPatienceMilliseconds) == 1;
+    }
+    static std::size_t pending(int fd, unsigned long question) {
+        int count = 0;
+        EXPECT_EQ(::ioctl(fd, question, &count), 0);
+        return static_cast<std::size_t>(count);
+    }
+
+    TcpListener listener{kLoopback, 1 << 20};
+    std::unique_ptr<TcpPeer> far, near;
+    std::unique_ptr<NwTcpSocket> sender, receiver;
 };
 
 #endif
