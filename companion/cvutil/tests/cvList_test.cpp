@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Lists of every length, each operation at both ends and in the middle, and without memory.
+// Lists of every length, each operation at both ends and in the middle, and without memory; positions whose
+// items go away.
 #include <cvutil/cvList.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -199,6 +201,175 @@ TEST_F(List, withoutMemoryAnAdditionGivesNullAndLeavesTheList) {
     EXPECT_EQ(letters(), "ab");
 }
 #endif
+
+// --- positions -------------------------------------------------------------------------------------------
+
+class Position : public List {
+protected:
+    void remove(int index) { myList.remove(item(index)); }
+    // The letter at a position; '.' at the end.
+    static char at(const NwListPosition& position) {
+        return position.item() ? letterOf(position.item()->data()) : '.';
+    }
+};
+
+TEST_F(Position, isWhereItIsPut) {
+    fill("abc");
+    NwListPosition end(myList), middle(myList, item(1));
+    EXPECT_EQ(at(end), '.');
+    EXPECT_EQ(middle.item(), item(1));
+    EXPECT_FALSE(end.hasMoved());
+    EXPECT_FALSE(middle.hasMoved());
+    middle.set(item(2));
+    EXPECT_EQ(at(middle), 'c');
+    middle.set(nullptr);
+    EXPECT_EQ(at(middle), '.');
+    end.set(myList.first());
+    EXPECT_EQ(at(end), 'a');
+}
+
+TEST_F(Position, advancesToTheEndAndStaysThere) {
+    fill("ab");
+    NwListPosition position(myList, myList.first());
+    position.advance();
+    EXPECT_EQ(at(position), 'b');
+    position.advance();
+    EXPECT_EQ(at(position), '.');
+    position.advance();
+    EXPECT_EQ(at(position), '.');
+    myList.add(pointerTo('c'));
+    EXPECT_EQ(at(position), '.') << "what is added behind the end is not in the way";
+    EXPECT_FALSE(position.hasMoved());
+}
+
+TEST_F(Position, movesOnWhenItsItemGoes) {
+    fill("abcd");
+    NwListPosition position(myList, item(1));
+    remove(1);
+    EXPECT_EQ(at(position), 'c');
+    EXPECT_TRUE(position.hasMoved());
+    remove(1);
+    EXPECT_EQ(at(position), 'd');
+    remove(1);
+    EXPECT_EQ(at(position), '.') << "behind the last is the end";
+    EXPECT_TRUE(position.hasMoved());
+    EXPECT_EQ(letters(), "a");
+}
+
+TEST_F(Position, movesOnFromTheFirst) {
+    fill("ab");
+    NwListPosition position(myList, myList.first());
+    remove(0);
+    EXPECT_EQ(at(position), 'b');
+    remove(0);
+    EXPECT_EQ(at(position), '.');
+    EXPECT_TRUE(position.hasMoved());
+}
+
+TEST_F(Position, staysWhenOthersGo) {
+    fill("abc");
+    NwListPosition position(myList, item(1)), end(myList);
+    remove(2);
+    remove(0);
+    myList.addToStart(pointerTo('x'));
+    myList.addToEnd(pointerTo('y'));
+    EXPECT_EQ(at(position), 'b');
+    EXPECT_EQ(at(end), '.');
+    EXPECT_FALSE(position.hasMoved());
+    EXPECT_FALSE(end.hasMoved());
+    position.advance();
+    EXPECT_EQ(at(position), 'y');
+}
+
+TEST_F(Position, forgetsTheRemovalWhenItGoesOn) {
+    fill("abcd");
+    NwListPosition position(myList, item(0));
+    remove(0);
+    EXPECT_TRUE(position.hasMoved());
+    position.advance();
+    EXPECT_EQ(at(position), 'c');
+    EXPECT_FALSE(position.hasMoved());
+    remove(1);
+    EXPECT_TRUE(position.hasMoved());
+    position.set(position.item());
+    EXPECT_FALSE(position.hasMoved());
+}
+
+TEST_F(Position, anyNumberAtOneItemMoveOn) {
+    fill("abc");
+    NwListPosition one(myList, item(1)), two(myList, item(1)), other(myList, item(0)), three(myList, item(1));
+    remove(1);
+    EXPECT_EQ(at(one), 'c');
+    EXPECT_EQ(at(two), 'c');
+    EXPECT_EQ(at(three), 'c');
+    EXPECT_EQ(at(other), 'a');
+    EXPECT_FALSE(other.hasMoved());
+}
+
+TEST_F(Position, mayEndInAnyOrder) {
+    for (int gone = 0; gone < 3; ++gone) {
+        NwList list;
+        NwListItem* first = list.add(pointerTo('a'));
+        list.add(pointerTo('b'));
+        std::unique_ptr<NwListPosition> positions[3];
+        for (auto& position : positions) position.reset(new NwListPosition(list, first));
+        positions[gone].reset();
+        list.remove(first);
+        for (auto& position : positions)
+            if (position) {
+                EXPECT_EQ(at(*position), 'b') << gone;
+            }
+    }
+}
+
+TEST_F(Position, walkMayRemoveWhateverItWants) {
+    for (int victim = 0; victim < 5; ++victim)
+        for (int when = 0; when < 5; ++when) {
+            NwList list;
+            NwListItem* items[5];
+            for (int i = 0; i < 5; ++i) items[i] = list.add(pointerTo(static_cast<char>('a' + i)));
+            std::string seen;
+            for (NwListPosition position(list, list.first()); NwListItem* current = position.item();) {
+                position.advance();
+                seen += letterOf(current->data());
+                if (static_cast<int>(seen.size()) == when + 1) list.remove(items[victim]);
+            }
+            std::string expected = "abcde";
+            if (victim > when) expected.erase(static_cast<std::size_t>(victim), 1);
+            EXPECT_EQ(seen, expected) << victim << " goes at " << when;
+        }
+}
+
+TEST_F(Position, walkMayEmptyTheList) {
+    fill("abcde");
+    std::string seen;
+    for (NwListPosition position(myList, myList.first()); NwListItem* current = position.item();) {
+        position.advance();
+        seen += letterOf(current->data());
+        while (myList.count()) remove(0);
+    }
+    EXPECT_EQ(seen, "a");
+}
+
+TEST_F(Position, outlivesItsList) {
+    std::unique_ptr<NwList> list(new NwList);
+    list->add(pointerTo('a'));
+    NwListPosition there(*list, list->first()), end(*list);
+    NwListItem* const first = list->first();
+    list.reset();
+    EXPECT_EQ(at(there), '.');
+    EXPECT_TRUE(there.hasMoved());
+    EXPECT_EQ(at(end), '.');
+    EXPECT_FALSE(end.hasMoved()) << "it had no item to lose";
+    there.set(first);
+    EXPECT_EQ(at(there), '.') << "there is nowhere to go";
+    there.advance();
+    EXPECT_EQ(at(there), '.');
+}
+
+static_assert(!std::is_copy_constructible<NwListPosition>::value &&
+                  !std::is_copy_assignable<NwListPosition>::value,
+              "a list knows its positions by their address");
 
 static_assert(!std::is_copy_constructible<NwList>::value && !std::is_copy_assignable<NwList>::value,
               "lists stay one");
