@@ -3,12 +3,14 @@
 // packets go out and come in.
 #include <arpa/inet.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
+#include <cvNetworkCompatibility/cvTcpSocket.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +20,7 @@
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
+#include "tcp_peer.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -410,6 +413,128 @@ TYPED_TEST(Traffic, pollsThatFindNothingAllocateNothing) {
                       results += this->receiver.NwRecv(&packet, &status) + status;
                       results += this->receiver.NwRecv(this->storage, sizeof this->storage);
                       results += this->receiver.dataLeftInCurrentBundle();
+                  }
+              }),
+              0);
+    EXPECT_EQ(results, 0);
+}
+
+// --- TCP -------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Two ends of a connection, with packets as DIS has them.
+class TcpTraffic : public testing::Test {
+public:
+    TcpTraffic() {
+        sender.setSizeOffset(8);
+        receiver.setSizeOffset(8);
+        for (int i = 0; i < kPdus; ++i) packets.push_back(pdu(kPduBytes, i));
+    }
+    void SetUp() override {
+        ASSERT_TRUE(hooksAreIn);
+        ASSERT_TRUE(sender.isOk());
+    }
+
+    void sendAll() {
+        for (std::string& packet : packets)
+            failures +=
+                sender.NwSend(&packet[0], packet.size(), kLoopback) != static_cast<int>(packet.size());
+    }
+    // Polls until all of them have come.
+    void receiveLent() {
+        for (int count = 0; count < kPdus;) {
+            char* packet = nullptr;
+            int status = 0;
+            const int length = receiver.NwRecv(&packet, &status);
+            if (length > 0) ++count;
+            failures += length > 0 && std::memcmp(packet + 12, &packets[count - 1][12], 12) != 0;
+            if (length == 0 && !waitReadable(receiver.readFd())) return noteFailure();
+        }
+    }
+    void receiveCopied() {
+        for (int count = 0; count < kPdus;) {
+            if (receiver.NwRecv(storage, sizeof storage) > 0)
+                ++count;
+            else if (!waitReadable(receiver.readFd()))
+                return noteFailure();
+        }
+    }
+    void noteFailure() { ++failures; }
+
+    Quiet quiet;
+    TcpListener listener;
+    NwTcpSocket sender{kLoopback, listener.port(), 0};
+    NwTcpSocket receiver{listener.acceptFd(), kLoopback, 0};
+    std::vector<std::string> packets;
+    char storage[20000];
+    int failures = 0;
+};
+
+}  // namespace
+
+TEST_F(TcpTraffic, packetsThatTheKernelTakesAllocateNothing) {
+    EXPECT_EQ(allocationsOnceWarm([&] {
+                  sendAll();
+                  receiveLent();
+              }),
+              0);
+    EXPECT_EQ(allocationsOnceWarm([&] {
+                  sendAll();
+                  receiveCopied();
+              }),
+              0);
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(sender.getQueueStatus().first, 0);
+}
+
+TEST_F(TcpTraffic, packetsThatComeInPiecesAllocateNothing) {
+    TcpPeer peer(listener.port());
+    NwTcpSocket socket(listener.acceptFd(), kLoopback, 0);
+    socket.setSizeOffset(8);
+    const std::string whole = pdu(kPduBytes);
+    int length = 0;
+    EXPECT_EQ(allocationsOnceWarm([&] {
+                  char* packet = nullptr;
+                  for (std::size_t i = 0; i < whole.size(); ++i) {
+                      failures += length > 0 && i > 0;
+                      failures += ::send(peer.fd(), &whole[i], 1, 0) != 1;
+                      failures += !waitReadable(socket.readFd());
+                      length = socket.NwRecv(&packet, nullptr);
+                  }
+              }),
+              0);
+    EXPECT_EQ(length, kPduBytes);
+}
+
+TEST_F(TcpTraffic, largePacketsAllocateOnce) {
+    for (std::string& packet : packets) packet = pdu(kPduBytes);
+    packets[0] = pdu(30000);
+    EXPECT_GE(allocationsIn([&] {
+                  sendAll();
+                  receiveLent();
+              }),
+              1)
+        << "the buffer grows";
+    EXPECT_EQ(allocationsIn([&] {
+                  sendAll();
+                  receiveLent();
+              }),
+              0)
+        << "and stays";
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(TcpTraffic, pollsAndFlushesThatFindNothingAllocateNothing) {
+    int results = 0;
+    EXPECT_EQ(allocationsOnceWarm([&] {
+                  for (int i = 0; i < 100; ++i) {
+                      char* packet = nullptr;
+                      int status = 5;
+                      results += receiver.NwRecv(&packet, &status) + status;
+                      results += receiver.NwRecv(storage, sizeof storage);
+                      results += sender.flush() - 1;
+                      results += sender.sendTo(storage, 0, 0);
                   }
               }),
               0);

@@ -331,6 +331,55 @@ TEST_F(TcpOutOfMemory, nothingFollowsAPieceCutBehindAStuckTestThatCannotGoFirst)
     EXPECT_EQ(peer.receiveToEnd(), std::string(5, 'a'));
 }
 
+TEST_F(OutOfMemory, tcpSocketWithoutBufferIsNotOk) {
+    TcpListener listener;
+    const int tcpPort = listener.port();
+    const std::ptrdiff_t before = openDescriptors();
+    for (bool isClient : {true, false}) {
+        bool isOk = false;
+        EXPECT_GE(withEachAllocationFailing([&] {
+                      const int fd = isClient ? -1 : TcpPeer(tcpPort).release();
+                      NwTcpSocket socket =
+                          isClient ? NwTcpSocket(kLoopback, tcpPort, 0) : NwTcpSocket(fd, kLoopback, tcpPort);
+                      isOk = socket.isOk();
+                      char* received = packet;
+                      if (socket.NwRecv(&received, nullptr) != 0 || received) std::abort();
+                  }),
+                  1)
+            << "the buffer";
+        EXPECT_TRUE(isOk) << "once memory holds out";
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    Messages messages;
+    allocationsLeft = 0;
+    NwTcpSocket socket(kLoopback, tcpPort, 0);
+    allocationsLeft = -1;
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(messages.warn(), "NwTcpSocket: no memory for packets of 20000 bytes\n");
+}
+
+TEST_F(OutOfMemory, tcpPacketThatMemoryCannotHoldEndsItsConnection) {
+    TcpListener listener;
+    TcpPeer peer(listener.port());
+    NwTcpSocket socket(listener.acceptFd(), kLoopback, 0);
+    Messages messages;
+    peer.sendAll(std::string("\0\5abc\xAF\xC8", 7) + "start");
+    ASSERT_TRUE(waitReadable(socket.readFd()));
+    char* received = nullptr;
+    int status = 7;
+    ASSERT_EQ(socket.NwRecv(&received, &status), 5);
+    ASSERT_TRUE(waitReadable(socket.readFd()));
+    allocationsLeft = 0;
+    EXPECT_EQ(socket.NwRecv(&received, &status), 0);
+    allocationsLeft = -1;
+    EXPECT_EQ(received, nullptr);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(messages.all(), "NwTcpSocket: bad packet length 45000\n");
+    EXPECT_EQ(socket.NwRecv(&received, &status), 0) << "also with memory";
+    EXPECT_EQ(messages.all(), "");
+}
+
 TEST_F(TcpOutOfMemory, connectionTestThatCannotBeMadeIsNotSent) {
     allocationsLeft = 0;
     EXPECT_EQ(socket.sendMinimumSizePkt(true), 0);
