@@ -25,24 +25,6 @@ const unsigned char kReceive = NwNetSocketRead | NwNetSocketBindToDest | NwNetSo
 const Floor kDesignFloor = {0.90, 1.10};
 const int kBatchPdus = 60;  // under way at once: less than any receive buffer holds
 
-double seconds(clockid_t clock) {
-    timespec now;
-    ::clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
-// Time on the wall, and processor time of all threads of the process.
-class AllThreads {
-public:
-    AllThreads() : myWall(seconds(CLOCK_MONOTONIC)), myCpu(seconds(CLOCK_PROCESS_CPUTIME_ID)) {}
-    Cost elapsed() const {
-        return Cost{seconds(CLOCK_MONOTONIC) - myWall, seconds(CLOCK_PROCESS_CPUTIME_ID) - myCpu};
-    }
-
-private:
-    const double myWall, myCpu;
-};
-
 void pause(double length) {
     timespec wait = {0, static_cast<long>(1e9 * length)};
     ::nanosleep(&wait, nullptr);

@@ -1,6 +1,6 @@
 #!/bin/sh
 # SPDX-License-Identifier: BSD-3-Clause
-# Counts the user-space instructions per PDU of each path: bench/instructions.sh BUILD_DIRECTORY
+# Counts the user-space instructions per PDU of each path over UDP and TCP: bench/instructions.sh BUILD_DIRECTORY
 #
 # Starting up, binding symbols and reserving buffers cancel out: what counts is by how much a run of twice the PDUs
 # exceeds the shorter one. Two figures, per PDU for send plus receive:
@@ -14,8 +14,10 @@
 # Ends with 1 when a path is above its budget, or when two runs of it differ: then the figure says nothing.
 set -eu
 [ $# -eq 1 ] || { echo "usage: $0 BUILD_DIRECTORY" >&2; exit 2; }
-program=$1/bench/udp_instructions
-[ -x "$program" ] || { echo "$0: no $program; build first" >&2; exit 2; }
+build=$1
+for name in udp_instructions tcp_instructions; do
+    [ -x "$build/bench/$name" ] || { echo "$0: no $build/bench/$name; build first" >&2; exit 2; }
+done
 command -v valgrind >/dev/null || { echo "$0: valgrind is missing" >&2; exit 2; }
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
@@ -42,14 +44,22 @@ perPdu() {
     awk -v a="$shorter" -v b="$longer" -v pdus=$pdus 'BEGIN { printf "%.1f", (b - a) / pdus }'
 }
 countCalls() {
-    perPdu "$1" '--toggle-collect=NwSocket::NwSend*' '--toggle-collect=NwNetSocket::NwRecv*' \
-        '--toggle-collect=NwSocket::flush()'
+    perPdu "$1" '--toggle-collect=NwSocket::NwSend*' "--toggle-collect=$class::NwRecv*" \
+        "--toggle-collect=$flush"
 }
 countProgram() {
     awk -v all="$(perPdu "$1" --toggle-collect=measured)" -v empty="$empty" 'BEGIN { printf "%.1f", all - empty }'
 }
 
-empty=$(perPdu empty --toggle-collect=measured)
+# Which program the next rows are of, and what the library's functions are called there. Both programs make and
+# look at the PDUs by the same code, but each has its own `empty`.
+use() {  # program, class, flush()
+    program=$build/bench/$1
+    class=$2
+    flush=$3
+    empty=$(perPdu empty --toggle-collect=measured)
+}
+
 status=0
 printf '%-34s %9s %9s %9s\n' "user-space instructions per PDU" program calls budget
 row() {  # path, words, budget or -
@@ -63,6 +73,7 @@ row() {  # path, words, budget or -
     fi
     printf '%-34s %9s %9s %9s  %s\n' "$2" "$(countProgram "$1")" "$calls" "$3" "$verdict"
 }
+use udp_instructions NwNetSocket 'NwSocket::flush()'
 row unbundled "one PDU a datagram" 200
 row bundled "bundles of 1400" 250
 row bundled-copied "  copied to the caller" -
@@ -71,4 +82,9 @@ row bundled-4-filters-of-16 "  4 filters of 16 values" -
 row bare-unbundled "by hand: one PDU a datagram" -
 row bare-bundled "by hand: bundles of 1400" -
 row bare-bundled-4-filters-of-16 "  4 filters of 16 values" -
+use tcp_instructions NwTcpSocket 'NwTcpSocket::flush()'
+row plain "TCP, one PDU a send" 150
+row bundled "TCP, bundles of 1400" 150
+row bare-plain "by hand: TCP, one PDU a send" -
+row bare-bundled "by hand: TCP, bundles of 1400" -
 exit $status

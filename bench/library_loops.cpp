@@ -43,6 +43,21 @@ Delivered libraryReceiveCopied(NwSocket& socket, int pdus) {
     return delivered;
 }
 
+Delivered libraryStreamReceive(NwSocket& socket, int pdus) {
+    Delivered delivered;
+    while (delivered.packets < static_cast<std::uint64_t>(pdus)) {
+        char* packet = nullptr;
+        const int length = socket.NwRecv(&packet, nullptr);
+        if (length > 0)
+            delivered.take(packet, length);
+        else if (!socket.isOk())
+            fail("the library's connection ended");
+        else
+            awaitReadable(socket.readFd());
+    }
+    return delivered;
+}
+
 Delivered emptyLoops(PduSource& source, int pdus) {
     char* packet = nullptr;
     int length = kPduBytes;

@@ -16,6 +16,9 @@ Delivered libraryReceive(NwSocket& socket, int pdus);
 // The same through the form that copies to the application's own storage.
 Delivered libraryReceiveCopied(NwSocket& socket, int pdus);
 
+// Receives `pdus` packets from a stream, whose calls never wait: they have arrived or are under way.
+Delivered libraryStreamReceive(NwSocket& socket, int pdus);
+
 // What these loops do around the library: the same PDUs made and looked at, nothing sent, nothing received.
 Delivered emptyLoops(PduSource& source, int pdus);
 

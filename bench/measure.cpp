@@ -4,15 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <ctime>
 
 namespace {
-
-double secondsOf(clockid_t clock) {
-    timespec now;
-    ::clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
 
 // Between two neighbours, as is usual for quantiles of a sample.
 double quantile(const std::vector<double>& sorted, double fraction) {
@@ -24,16 +17,34 @@ double quantile(const std::vector<double>& sorted, double fraction) {
 
 }  // namespace
 
+double seconds(clockid_t clock) {
+    timespec now;
+    ::clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
 // The clock that costs a system call is read outside of the other's interval.
 Stopwatch::Stopwatch() {
-    start.cpuSeconds = secondsOf(CLOCK_THREAD_CPUTIME_ID);
-    start.wallSeconds = secondsOf(CLOCK_MONOTONIC);
+    start.cpuSeconds = seconds(CLOCK_THREAD_CPUTIME_ID);
+    start.wallSeconds = seconds(CLOCK_MONOTONIC);
 }
 
 Cost Stopwatch::elapsed() const {
     Cost spent;
-    spent.wallSeconds = secondsOf(CLOCK_MONOTONIC) - start.wallSeconds;
-    spent.cpuSeconds = secondsOf(CLOCK_THREAD_CPUTIME_ID) - start.cpuSeconds;
+    spent.wallSeconds = seconds(CLOCK_MONOTONIC) - start.wallSeconds;
+    spent.cpuSeconds = seconds(CLOCK_THREAD_CPUTIME_ID) - start.cpuSeconds;
+    return spent;
+}
+
+AllThreads::AllThreads() {
+    start.cpuSeconds = seconds(CLOCK_PROCESS_CPUTIME_ID);
+    start.wallSeconds = seconds(CLOCK_MONOTONIC);
+}
+
+Cost AllThreads::elapsed() const {
+    Cost spent;
+    spent.wallSeconds = seconds(CLOCK_MONOTONIC) - start.wallSeconds;
+    spent.cpuSeconds = seconds(CLOCK_PROCESS_CPUTIME_ID) - start.cpuSeconds;
     return spent;
 }
 

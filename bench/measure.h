@@ -7,6 +7,8 @@
 #ifndef BENCH_MEASURE_H
 #define BENCH_MEASURE_H
 
+#include <time.h>
+
 #include <functional>
 #include <vector>
 
@@ -15,10 +17,22 @@ struct Cost {
     double cpuSeconds = 0;  // of the calling thread, user and system
 };
 
+double seconds(clockid_t clock);
+
 // What a piece of work costs.
 class Stopwatch {
 public:
     Stopwatch();
+    Cost elapsed() const;
+
+private:
+    Cost start;
+};
+
+// The same where several threads work: the processor time is that of the whole process.
+class AllThreads {
+public:
+    AllThreads();
     Cost elapsed() const;
 
 private:

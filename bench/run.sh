@@ -10,5 +10,7 @@ shift
 echo
 "$build/bench/async_bench"
 "$build/bench/transports_bench"
+"$build/bench/tcp_bench"
+"$build/bench/relay_bench"
 echo
 "$(dirname "$0")/instructions.sh" "$build"

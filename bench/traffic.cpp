@@ -3,6 +3,8 @@
 #include "traffic.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +16,8 @@ namespace {
 
 // What the kernel charges a receive buffer for one datagram of at most a bundle, generously.
 const int kChargePerDatagram = 4096;
+
+const int kPatienceMilliseconds = 10000;  // an age on loopback
 
 sockaddr* generic(sockaddr_in& address) {
     return reinterpret_cast<sockaddr*>(&address);
@@ -35,13 +39,21 @@ PduSource::PduSource() : place(0) {
     }
 }
 
+Delivered PduSource::first(int count) {
+    Delivered expected;
+    restart();
+    for (int i = 0; i < count; ++i) expected.take(next(), kPduBytes);
+    restart();
+    return expected;
+}
+
 void fail(const std::string& what) {
     std::fprintf(stderr, "bench: %s\n", what.c_str());
     std::exit(2);
 }
 
 Descriptor::~Descriptor() {
-    ::close(fd);
+    if (fd >= 0) ::close(fd);
 }
 
 int openSocket(bool bound) {
@@ -50,6 +62,27 @@ int openSocket(bool bound) {
     sockaddr_in local = loopbackAddress(0);
     if (bound && ::bind(fd, generic(local), sizeof local) != 0) fail("cannot bind to 127.0.0.1");
     return fd;
+}
+
+int openListener() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in local = loopbackAddress(0);
+    if (fd < 0 || ::bind(fd, generic(local), sizeof local) != 0 || ::listen(fd, SOMAXCONN) != 0)
+        fail("cannot listen on 127.0.0.1");
+    return fd;
+}
+
+int openConnection(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in peer = loopbackAddress(port);
+    if (fd < 0 || ::connect(fd, generic(peer), sizeof peer) != 0) fail("cannot connect to 127.0.0.1");
+    if (::fcntl(fd, F_SETFL, O_NONBLOCK) != 0) fail("cannot make a connection non-blocking");
+    return fd;
+}
+
+void awaitReadable(int fd) {
+    pollfd wanted = {fd, POLLIN, 0};
+    if (::poll(&wanted, 1, kPatienceMilliseconds) <= 0) fail("what was sent did not arrive");
 }
 
 int portOf(int fd) {

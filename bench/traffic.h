@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 const int kPduBytes = 144;  // an Entity State PDU without articulations
@@ -22,19 +23,6 @@ const unsigned int kPduExercise = 1;
 const unsigned int kPduType = 1;
 
 using Pdu = std::array<char, kPduBytes>;
-
-// A source of PDUs that differ from each other: the same ones for both sides.
-class PduSource {
-public:
-    PduSource();
-    char* next() { return pdus[place++ % kCount].data(); }
-    void restart() { place = 0; }
-
-private:
-    static const std::size_t kCount = 64;
-    std::array<Pdu, kCount> pdus;
-    std::size_t place;
-};
 
 // What a consumer looked at. Both sides of a comparison must come to the same.
 struct Delivered {
@@ -55,14 +43,30 @@ struct Delivered {
     }
 };
 
+// A source of PDUs that differ from each other: the same ones for both sides.
+class PduSource {
+public:
+    PduSource();
+    char* next() { return pdus[place++ % kCount].data(); }
+    void restart() { place = 0; }
+    // Restarts, and says what a receiver of the next `count` packets must find.
+    Delivered first(int count);
+
+private:
+    static const std::size_t kCount = 64;
+    std::array<Pdu, kCount> pdus;
+    std::size_t place;
+};
+
 // Ends the program with a clear line: a benchmark whose work was not done has nothing to say.
 [[noreturn]] void fail(const std::string& what);
 
-// A UDP descriptor that closes itself.
+// A descriptor that closes itself.
 class Descriptor {
 public:
     explicit Descriptor(int owned) : fd(owned) {}
     ~Descriptor();
+    Descriptor(Descriptor&& other) : fd(std::exchange(other.fd, -1)) {}
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     operator int() const { return fd; }
@@ -74,6 +78,12 @@ private:
 // An open UDP socket; bound to 127.0.0.1 and a port of the kernel's choice when asked for.
 int openSocket(bool bound);
 int portOf(int fd);
+// TCP: one that listens on 127.0.0.1 and a port of the kernel's choice; one that is connected to a port, and
+// never waits from then on.
+int openListener();
+int openConnection(int port);
+// Waits until there is something to read. Ends the program when nothing comes: it was lost.
+void awaitReadable(int fd);
 sockaddr_in loopbackAddress(int port);
 
 // Asks for a large receive buffer. Returns how many datagrams of up to a bundle's size it surely holds.
