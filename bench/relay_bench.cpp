@@ -16,7 +16,7 @@
 namespace {
 
 const Floor kFloor = {0.95, 1.05};
-const int kSendsPerRound = 2400;  // some 2 ms
+const int kSendsPerRound = 1200;  // some ms
 const int kMostPdus = 400;        // less than the smallest window: 64 KiB
 const double kNoLimit = 1000;     // seconds
 
