@@ -200,8 +200,6 @@ int NwTcpSocket::readSize(char** pkt, int* status) {
         return refuseLength(static_cast<unsigned int>(header), pkt, status);
     const int n = readWanted(pkt, status);
     if (!n) return 0;
-    bytesRead += static_cast<unsigned int>(n);
-    bytesToRead -= static_cast<unsigned int>(n);
     if (bytesToRead) {
         *pkt = nullptr;
         if (status) *status = 0;
@@ -224,10 +222,7 @@ int NwTcpSocket::readSize(char** pkt, int* status) {
 }
 
 int NwTcpSocket::readBody(char** pkt, int* status) {
-    const int n = readWanted(pkt, status);
-    if (!n) return 0;
-    bytesRead += static_cast<unsigned int>(n);
-    bytesToRead -= static_cast<unsigned int>(n);
+    if (!readWanted(pkt, status)) return 0;
     if (bytesToRead) {
         if (isTracing())
             NwInfo("NwRecv: Received %d out of %d bytes\n", static_cast<int>(bytesRead),
@@ -246,12 +241,15 @@ int NwTcpSocket::readBody(char** pkt, int* status) {
 }
 
 // One recv() for what the current phase still wants. Returns how much came, or 0 to end the call.
-int NwTcpSocket::readWanted(char** pkt, int* status) {
+inline int NwTcpSocket::readWanted(char** pkt, int* status) {
     const unsigned int needed = bytesRead + bytesToRead;
     if (isRefused() || (pktBufferSize <= needed && !expandPktBuffer(needed)))
         return refuseLength(needed, pkt, status);
     const int n = static_cast<int>(::recv(socketFd, pktBuffer.get() + bytesRead, bytesToRead, 0));
-    return checkSize(n, pkt, status) ? n : 0;
+    if (!checkSize(n, pkt, status)) return 0;
+    bytesRead += static_cast<unsigned int>(n);
+    bytesToRead -= static_cast<unsigned int>(n);
+    return n;
 }
 
 int NwTcpSocket::checkSize(int n, char** pkt, int* status) {
@@ -305,36 +303,26 @@ int NwTcpSocket::sendTo(char* buf, unsigned long len, unsigned int /*destAddr*/)
     return sendTo(buf, len, false);
 }
 
+// Meant: behind a flush that could not send all, the packet is offered to the kernel even so, and may
+// overtake whole pieces in the queue; but nothing gets inside a half-sent one.
 int NwTcpSocket::sendTo(char* buf, unsigned long len, bool markBroken) {
     if (len > INT_MAX) return -1;
     const int size = static_cast<int>(len);
     long sent = 0;
     const int flushed = flush(sent);
     if (size == 0) return toInt(sent);
-    if (flushed == 0) {
-        if (isTracing())
-            NwInfo("SendTo: storing %d bytes (whole packet): total packets in buffer = %d\n", size,
-                   sendQueue.count());
-        queue(buf, size);
-        return toInt(sent);
-    }
-    return sendNow(buf, size, sent, markBroken);
+    if (flushed == 0) return sendLater(buf, size, sent, "");
+    if (headIsRemainder) return sendFailed ? toInt(sent) : sendLater(buf, size, sent, " EWOULDBLOCK");
+    const long n = ::send(socketFd, buf, len, MSG_NOSIGNAL);
+    if (n == size && !isTracing()) return toInt(sent + n);
+    return endSend(buf, size, n, sent, markBroken);
 }
 
-// Offers a packet to the kernel behind a flush that sent `sent` bytes. Meant: this is done also while whole
-// pieces wait in the queue, which the packet may overtake; but nothing gets inside a half-sent packet.
-int NwTcpSocket::sendNow(char* buf, int len, long sent, bool markBroken) {
-    if (headIsRemainder && sendFailed) return toInt(sent);
-    const long n = headIsRemainder ? -1 : ::send(socketFd, buf, static_cast<std::size_t>(len), MSG_NOSIGNAL);
-    if (n < 0 && !headIsRemainder && !wouldBlock()) {
-        if (markBroken || len != headerSize()) reportSendError();
-        return toInt(sent);
-    }
+// Acts on what send() gave for a packet behind a flush that sent `sent` bytes, with errno as send() left it.
+int NwTcpSocket::endSend(char* buf, int len, long n, long sent, bool markBroken) {
+    if (n < 0 && wouldBlock()) return sendLater(buf, len, sent, " EWOULDBLOCK");
     if (n < 0) {
-        if (isTracing())
-            NwInfo("SendTo EWOULDBLOCK: storing %d bytes (whole packet): total packets in buffer = %d\n", len,
-                   sendQueue.count());
-        queue(buf, len);
+        if (markBroken || len != headerSize()) reportSendError();
         return toInt(sent);
     }
     const bool whole = n == len;
@@ -343,6 +331,14 @@ int NwTcpSocket::sendNow(char* buf, int len, long sent, bool markBroken) {
                whole ? "whole packet" : "part of packet", sendQueue.count());
     if (!whole) queueRest(buf, static_cast<int>(n), len);
     return toInt(sent + n);
+}
+
+int NwTcpSocket::sendLater(const char* buf, int len, long sent, const char* why) {
+    if (isTracing())
+        NwInfo("SendTo%s: storing %d bytes (whole packet): total packets in buffer = %d\n", why, len,
+               sendQueue.count());
+    queue(buf, len);
+    return toInt(sent);
 }
 
 bool NwTcpSocket::isQueueFull() const {
@@ -379,9 +375,15 @@ int NwTcpSocket::flush() {
 }
 
 int NwTcpSocket::flush(long& bytesSent) {
-    int result = bundling && !bundles.empty() && !queueBundles() ? -1 : 1;
-    int count = 0;
     bytesSent = 0;
+    const int result = bundling && !bundles.empty() && !queueBundles() ? -1 : 1;
+    if (!sendQueue.first() && !isTracing()) return result;  // what most calls find
+    return sendQueued(result, bytesSent);
+}
+
+// Sends the queue, oldest first, as far as the kernel takes it. `result` is the flush's when it takes all.
+int NwTcpSocket::sendQueued(int result, long& bytesSent) {
+    int count = 0;
     if (isTracing()) NwInfo("NwTcpSocket::flush: packets waiting to be sent: %d\n", sendQueue.count());
     for (NwListItem *item = sendQueue.first(), *following = nullptr; item; item = following) {
         following = item->next();

@@ -202,7 +202,9 @@ private:
     CVNC_LOCAL bool queueBundles();
     CVNC_LOCAL bool isConnectionTest(const NwListItem* item) const;
     CVNC_LOCAL void keepRemainder(NwListItem* item, int sent);
-    CVNC_LOCAL int sendNow(char* buf, int len, long sent, bool markBroken);
+    CVNC_LOCAL int endSend(char* buf, int len, long n, long sent, bool markBroken);
+    CVNC_LOCAL int sendLater(const char* buf, int len, long sent, const char* why);
+    CVNC_LOCAL int sendQueued(int result, long& bytesSent);
     CVNC_LOCAL bool isQueueFull() const;
     CVNC_LOCAL bool addPiece(const char* buf, int offset, int size, NwListItem* (NwList::*add)(void*));
     CVNC_LOCAL void queue(const char* buf, int size);
