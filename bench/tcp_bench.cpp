@@ -17,7 +17,7 @@
 namespace {
 
 const Floor kFloor = {0.95, 1.05};
-const int kPdusPerRound = 44 * kPdusPerBundle;  // whole bundles, less than the smallest window: 64 KiB
+const int kPdusPerRound = 22 * kPdusPerBundle;  // whole bundles, less than half of the smallest window
 
 // --- packets there, one thread ---------------------------------------------------------------------------
 
