@@ -13,14 +13,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cassert>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <new>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -47,8 +48,9 @@ const int kFlagsField = 16;
 const int kNameField = 20;
 const int kLaterHeader = 8;
 
-const int kMaxPort = 65535;
-const int kPollMilliseconds = 100;  // how often a stall is looked for
+const int kMaxPort = 65535;                 // a socket address would take a larger number modulo 65536
+const int kPollMilliseconds = 100;          // how often a stall is looked for
+const std::size_t kGrowingBytes = 1 << 20;  // see keep()
 
 // Added to each identifier, so that transfers of one second differ.
 std::atomic<unsigned int> gNumFiles(0);
@@ -66,10 +68,13 @@ void warnLine(const std::ostringstream& line) {
     NwWarn << line.str() + '\n' << std::flush;
 }
 
-void warnFile(const char* text, const NwFilename& file) {
+// The same for a text and a name; without the name when memory has ended.
+void warnFile(const char* text, const NwFilename& file) try {
     std::ostringstream line;
     line << text << file;
     warnLine(line);
+} catch (const std::bad_alloc&) {
+    NwWarn("%s\n", text);
 }
 
 void waitFor(int fd, short events) {
@@ -121,6 +126,7 @@ int openDirectory(const NwFilename& directory) {
 // Opens a regular file for writing from its start, made if need be. -1 for anything else of that name;
 // nothing that is there is followed, waited for or changed then.
 int createFile(int directory, const char* name) {
+    if (*name == '/') return -1;  // would be opened outside the directory
     const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const int fd = ::openat(directory, name, flags, 0666);
     if (fd < 0) return -1;
@@ -171,10 +177,11 @@ int readHeader(NwFileTransportObject& obj, const char* message, int length) {
     return kNameField + static_cast<int>(std::strlen(name)) + 1;
 }
 
-// Keeps a transfer's next bytes. Room for the whole file is set aside at the first of them, as address space:
-// memory is used as bytes arrive.
+// Keeps a transfer's next bytes. Memory is used as bytes arrive: an announcement costs none. Once so many are
+// there that growing would copy a lot, room for the whole file is set aside, as address space.
 void keep(NwFileTransportObject& obj, const char* bytes, int count) {
-    if (obj.bytesReceived == 0) obj.data.reserve(static_cast<std::size_t>(obj.dataSize) + 1);
+    if (obj.data.size() + static_cast<std::size_t>(count) > kGrowingBytes)
+        obj.data.reserve(static_cast<std::size_t>(obj.dataSize) + 1);
     obj.data.insert(obj.data.end(), bytes, bytes + count);
     obj.bytesReceived += count;
     if (obj.bytesReceived == obj.dataSize) obj.data.push_back('\0');
@@ -215,11 +222,10 @@ NwFileTransporter::NwFileTransporter(int port, bool searchPorts, int portRange,
 
 // Listens on the first port that can be had; leaves no manager and port -1 behind if there is none.
 void NwFileTransporter::search(bool searchPorts, int portRange) {
-    const int firstPort = myPort;
+    const long firstPort = myPort;
     const int tries = searchPorts ? portRange : 1;
-    for (int i = 0; i < tries; ++i) {
-        const long port = static_cast<long>(firstPort) + i;
-        if (port < 0 || port > kMaxPort) continue;  // a socket address would take the number modulo 65536
+    const long end = NwMin(firstPort + tries, kMaxPort + 1L);
+    for (long port = NwMax(firstPort, 0L); port < end; ++port) {
         mySocketMgr.reset(new NwTcpSocketMgr(static_cast<int>(port)));
         assert(mySocketMgr);
         if (mySocketMgr->isOk() && !mySocketMgr->addrInUse()) {
@@ -235,7 +241,7 @@ void NwFileTransporter::search(bool searchPorts, int portRange) {
     if (tries > 0) return;
     std::ostringstream line;
     line << "Corvane(NwFileTransporter) Could not find a free port in range " << firstPort << " to "
-         << static_cast<long>(firstPort) + portRange;
+         << firstPort + portRange;
     warnLine(line);
 }
 
@@ -256,14 +262,19 @@ struct NwFileTransporter::Reception {
           outer(newOwner.receptions) {
         owner.receptions = this;
     }
-    ~Reception() { owner.receptions = outer; }
+    // Drops the transfers that have not ended.
+    ~Reception() {
+        owner.receptions = outer;
+        for (const int id : ids) owner.transfers.erase(id);
+    }
 
-    bool carries(int id) const { return std::find(ids.begin(), ids.end(), id) != ids.end(); }
+    bool carries(int id) const { return ids.count(id) != 0; }
+    bool isOthers(int id) const { return outer && (outer->carries(id) || outer->isOthers(id)); }
 
     NwFileTransporter& owner;
     NwTcpSocket& socket;
     std::vector<char> message;
-    std::vector<int> ids;
+    std::set<int> ids;
     Reception* outer;
 };
 
@@ -310,7 +321,7 @@ void NwFileTransporter::receive(Reception& reception) {
                 NwDebug("FileTransporter: Received %d bytes in file transporter\n", length);
             if (const char* problem = take(reception, length)) return drop(reception, problem);
             if (reception.ids.empty()) return;
-            stall.progress();
+            if (length > kLaterHeader) stall.progress();  // an empty message is none
         } else if (stall.isOver()) {
             return drop(reception, kNoProgress);
         } else if (socket.isOk()) {
@@ -326,10 +337,8 @@ const char* NwFileTransporter::take(Reception& reception, int length) try {
     if (length < kLaterHeader || static_cast<std::size_t>(length) > reception.message.size())
         return kMalformed;
     const int id = static_cast<int>(fieldAt(message, kIdentifierField));
-    if (!reception.carries(id)) {
-        if (transfers.count(id)) return kMalformed;  // another connection's
-        reception.ids.push_back(id);
-    }
+    if (reception.isOthers(id)) return kMalformed;
+    reception.ids.insert(id);
     NwFileTransportObject& obj = transportObject(id);
     const int start = obj.headerSeen ? kLaterHeader : readHeader(obj, message, length);
     if (!start || length - start > obj.dataSize - obj.bytesReceived) return kMalformed;
@@ -337,7 +346,7 @@ const char* NwFileTransporter::take(Reception& reception, int length) try {
     if (obj.bytesReceived != obj.dataSize) return nullptr;
     finishFile(obj);
     transfers.erase(id);  // also when a derived finishFile leaves it to us
-    reception.ids.erase(std::find(reception.ids.begin(), reception.ids.end(), id));
+    reception.ids.erase(id);
     return nullptr;
 } catch (const std::bad_alloc&) {
     return kNoMemory;
@@ -345,11 +354,11 @@ const char* NwFileTransporter::take(Reception& reception, int length) try {
     return kNoMemory;
 }
 
-// Ends a connection that is not to be received from any more, with all that it carried.
+// Ends a connection that is not to be received from any more.
 void NwFileTransporter::drop(Reception& reception, const char* reason) {
-    NwWarn << std::string(reason) + '\n' << std::flush;
+    NwWarn("%s\n", reason);
+    NwWarn << std::flush;
     reception.socket.shutDown();
-    for (const int id : reception.ids) transfers.erase(id);
 }
 
 NwFileTransportObject& NwFileTransporter::transportObject(int id) {
@@ -388,6 +397,13 @@ void NwFileTransporter::callBack(const NwFilename& path) {
 
 namespace {
 
+bool refuseSocket(unsigned int addr, int port) {
+    NwWarn("Corvane(NwFileTransporter): Could not create socket send() to addr %s port= %d\n",
+           NwInetAddrString(addr), port);
+    NwWarn << std::flush;
+    return false;
+}
+
 // Sends what is queued. False when the peer took nothing for too long; true also for a broken connection.
 bool flushAll(NwTcpSocket& socket) {
     StallWatch stall(nwSetting(NwFileTransporter::theSendStallLimit));
@@ -425,15 +441,10 @@ bool NwFileTransporter::sendFile(const NwFilename& file, unsigned int addr, int 
     sendComplete = false;
     Outgoing out = {file, file.stripPath(), NwMaxPacketSize(), 0, 0, {}, 0, NwFileTransportPlain};
     if (!load(out)) return false;
+    if (toPort < 0 || toPort > kMaxPort) return refuseSocket(addr, toPort);
     NwTcpSocket socket(addr, toPort, 0);
     socket.setSizeLength(4);
-    if (!socket.isOk()) {
-        std::ostringstream line;
-        line << "Corvane(NwFileTransporter): Could not create socket send() to addr "
-             << NwInetAddrString(addr) << " port= " << toPort;
-        warnLine(line);
-        return false;
-    }
+    if (!socket.isOk()) return refuseSocket(addr, toPort);
     return send(out, socket);
 } catch (const std::bad_alloc&) {
     warnFile(kReadingFailed, file);

@@ -18,11 +18,10 @@ class NwFileTransportObject;
 // Sends files to other transporters and receives theirs: a file arrives whole and named, or not at all.
 //
 //     int port = 0;
-//     NwFileTransporter transporter(4000, true, 10, "/var/inbox", &port);        // first free of 4000 to
-//     4009 transporter.addFileTransferedCallback(arrived, nullptr);                   // void arrived(const
-//     NwFilename&, void*) transporter.sendFile("/data/tile_7.dat", loopbackAddr, 4000);              //
-//     returns when it is sent while (running) transporter.tick();                                       //
-//     receives
+//     NwFileTransporter transporter(4000, true, 10, "/var/inbox", &port);  // the first free of 4000 to 4009
+//     transporter.addFileTransferedCallback(arrived, nullptr);  // void arrived(const NwFilename&, void*)
+//     transporter.sendFile("/data/tile_7.dat", loopbackAddr, 4000);  // returns when it is sent
+//     while (running) transporter.tick();                            // receives
 //
 // One connection carries one file, in messages of at most NwMaxPacketSize() bytes; both ends must agree on
 // that size and on the byte order (NwSetNetworkByteOrdering). Numbers are unsigned, 4 bytes long:
@@ -131,8 +130,9 @@ public:
 
     // How long a peer may stall, in seconds, for every transporter of the process; 0 is for ever. sendFile
     // gives up when a receiver has taken nothing for that long (30 at the start). A receive gives up when no
-    // message has been completed for that long (0 at the start: the application decides): "FileTransporter:
-    // no progress-Exiting transfer", and the connection is shut down. Any thread may set them.
+    // message with data has been completed for that long (0 at the start: the application decides):
+    // "FileTransporter: no progress-Exiting transfer", and the connection is shut down. Any thread may set
+    // them.
     static void setSendStallLimit(double seconds);
     static void setReceiveStallLimit(double seconds);
     static double theSendStallLimit;
