@@ -29,9 +29,9 @@ NwFilename NwFilename::combine(const NwFilename& dir, const NwFilename& name) {
     return dir.myName + '/' + name.myName;
 }
 
-std::ostream& operator<<(std::ostream& stream, const NwFilename& name) {
+std::ostream& NwFilename::insertInto(std::ostream& stream) const {
     std::string shown;
-    for (const char* c = name.c_str(); *c; ++c) {
+    for (const char* c = c_str(); *c; ++c) {
         const unsigned char byte = static_cast<unsigned char>(*c);
         char escape[sizeof "\\xNN"];
         if (byte >= 0x20 && byte != 0x7F) {

@@ -36,6 +36,10 @@ public:
     // `name` in the directory `dir`, with one '/' between; `name` alone if `dir` is empty.
     static NwFilename combine(const NwFilename& dir, const NwFilename& name);
 
+    // Inserts the name, as << does. Control characters come out as \xNN: a name from elsewhere cannot steer a
+    // terminal.
+    std::ostream& insertInto(std::ostream& stream) const;
+
     friend bool operator==(const NwFilename& a, const NwFilename& b) { return a.myName == b.myName; }
     friend bool operator!=(const NwFilename& a, const NwFilename& b) { return !(a == b); }
 
@@ -43,8 +47,9 @@ private:
     std::string myName;
 };
 
-// Inserts the name. Control characters come out as \xNN: a name from elsewhere cannot steer a terminal.
-NWUTIL_API std::ostream& operator<<(std::ostream& stream, const NwFilename& name);
+inline std::ostream& operator<<(std::ostream& stream, const NwFilename& name) {
+    return name.insertInto(stream);
+}
 
 // Makes a directory, and those above it that are missing, as far as the process's umask lets it. Returns true
 // if there is a directory of this name afterwards, made now or before; else false, with errno.

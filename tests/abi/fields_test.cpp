@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <cvNetworkCompatibility/cvAsyncSocket.h>
+#include <cvNetworkCompatibility/cvFileTransport.h>
 #include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
@@ -281,6 +282,42 @@ public:
     }
 };
 
+class FileTransporterFields : public NwFileTransporter {
+public:
+    FileTransporterFields() : NwFileTransporter(-1, false, 0, "", nullptr) {}
+
+    static std::vector<Field> all() {
+        typedef NwFileTransporter Owner;
+        typedef FileTransporterFields Probe;
+        typedef std::map<FileTransferedCallback, void*> Callbacks;
+        typedef std::map<int, NwFileTransportObject> Transfers;
+        Probe probe;
+        return {FIELD(Callbacks, callbacks),
+                FIELD(int, myPort),
+                FIELD(std::unique_ptr<NwTcpSocketMgr>, mySocketMgr),
+                FIELD(NwFilename, targetDir),
+                FIELD(Transfers, transfers),
+                FIELD(bool, sendComplete)};
+    }
+};
+
+class FileTransportObjectFields : public NwFileTransportObject {
+public:
+    static std::vector<Field> all() {
+        typedef NwFileTransportObject Owner;
+        typedef FileTransportObjectFields Probe;
+        Probe probe;
+        return {FIELD(std::int32_t, identifier),
+                FIELD(NwFilename, fileName),
+                FIELD(std::uint32_t, fileSize),
+                FIELD(std::int64_t, dataSize),
+                FIELD(std::int64_t, bytesReceived),
+                FIELD(std::vector<char>, data),
+                FIELD(NwFileTransporter::NwFileTransportFlags, flags),
+                FIELD(bool, headerSeen)};
+    }
+};
+
 }  // namespace
 
 TEST(FieldOrder, ofTheFilterTest) {
@@ -349,6 +386,14 @@ TEST(FieldOrder, ofTheTcpForwarder) {
     expectInOrder(TcpForwarderFields::all(), kVirtualTablePointer, sizeof(NwTcpForwarder));
 }
 
+TEST(FieldOrder, ofTheFileTransporter) {
+    expectInOrder(FileTransporterFields::all(), kVirtualTablePointer, sizeof(NwFileTransporter));
+}
+
+TEST(FieldOrder, ofTheFileOnItsWayIn) {
+    expectInOrder(FileTransportObjectFields::all(), 0, sizeof(NwFileTransportObject));
+}
+
 // A derived class's own fields lie behind these. Counted by hand from the fields, for 64-bit machines and the
 // containers of libstdc++.
 TEST(ClassSizes, stayWhatTheyAre) {
@@ -377,6 +422,11 @@ TEST(ClassSizes, stayWhatTheyAre) {
                                           2 * 8u + 2 * sizeof(NwList) + 8u /*removals*/);
     EXPECT_EQ(sizeof(NwTcpForwarder),
               8u + 8u + sizeof(NwListPosition) + sizeof(NwClock) + 8u + 8u /*turn under way*/);
+    EXPECT_EQ(sizeof(NwFilename), 32u);
+    EXPECT_EQ(sizeof(NwFileTransporter), 8u + 48u /*map*/ + 4u + 4u /*padding*/ + 8u + sizeof(NwFilename) +
+                                             48u /*map*/ + 8u /*bool, padding*/ + 8u /*receptions*/);
+    EXPECT_EQ(sizeof(NwFileTransportObject), 4u + 4u /*padding*/ + sizeof(NwFilename) + 4u + 4u /*padding*/ +
+                                                 2 * 8u + 24u + 4u + 4u /*bool, padding*/);
 #else
     GTEST_SKIP() << "counted for 64-bit machines and libstdc++";
 #endif

@@ -228,9 +228,29 @@ const ClassSlots kTcpForwarder = {"NwTcpForwarder",
                                   },
                                   {}};
 
-const ClassSlots kClasses[] = {kFilterTest, kSocket,       kNetSocket,   kQueueSocket,
-                               kPairSocket, kGroupSocket,  kAsyncPacket, kAsyncSocket,
-                               kTcpSocket,  kTcpSocketMgr, kTcpForwarder};
+const ClassSlots kFileTransporter = {
+    "NwFileTransporter",
+    nullptr,
+    {
+        "tick()",
+        "port() const",
+        "addFileTransferedCallback(void (*)(NwFilename const&, void*), void*)",
+        "removeFileTransferedCallback(void (*)(NwFilename const&, void*), void*)",
+        "sendFile(NwFilename const&, unsigned int, int)",
+        "sendFile(NwFilename const&, unsigned int)",
+        "receiveFile(NwTcpSocket*)",
+        "nextFileIdentifier()",
+        "readFileToBuffer(std::basic_ifstream<char, std::char_traits<char> >&, std::vector<char, "
+        "std::allocator<char> >&, int, int&, NwFileTransporter::NwFileTransportFlags&)",
+        "finishFile(NwFileTransportObject&)",
+        "transportObject(int)",
+        "sendProgress(NwTcpSocket&, int, int)",
+    },
+    {}};
+
+const ClassSlots kClasses[] = {kFilterTest, kSocket,       kNetSocket,    kQueueSocket,
+                               kPairSocket, kGroupSocket,  kAsyncPacket,  kAsyncSocket,
+                               kTcpSocket,  kTcpSocketMgr, kTcpForwarder, kFileTransporter};
 
 struct Slot {
     std::string operation;
