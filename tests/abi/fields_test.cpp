@@ -379,7 +379,8 @@ TEST(FieldOrder, ofTheTcpManager) {
 TEST(FieldOrder, ofTheRegisteredCallback) {
     EXPECT_EQ(offsetof(NwSocketCbInfo, callback), 0u);
     EXPECT_EQ(offsetof(NwSocketCbInfo, userData), sizeof(void*));
-    EXPECT_EQ(sizeof(NwSocketCbInfo), 2 * sizeof(void*));
+    EXPECT_EQ(offsetof(NwSocketCbInfo, number), 2 * sizeof(void*)) << "ours, behind the documented two";
+    EXPECT_EQ(sizeof(NwSocketCbInfo), 2 * sizeof(void*) + sizeof(long));
 }
 
 TEST(FieldOrder, ofTheTcpForwarder) {
@@ -419,7 +420,8 @@ TEST(ClassSizes, stayWhatTheyAre) {
                                        sizeof(NwList) + 4u + 2 * 4u /*format under way*/ +
                                        4u /*two flags, padding*/);
     EXPECT_EQ(sizeof(NwTcpSocketMgr), 8u + 6 * 4u + sizeof(NwList) + 2 * 4u + 4u /*bool, padding*/ + 4u +
-                                          2 * 8u + 2 * sizeof(NwList) + 8u /*removals*/);
+                                          2 * 8u + 2 * sizeof(NwList) + 8u /*removals*/ +
+                                          8u /*registrations counted*/);
     EXPECT_EQ(sizeof(NwTcpForwarder),
               8u + 8u + sizeof(NwListPosition) + sizeof(NwClock) + 8u + 8u /*turn under way*/);
     EXPECT_EQ(sizeof(NwFilename), 32u);
