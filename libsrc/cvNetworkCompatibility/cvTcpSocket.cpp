@@ -384,6 +384,7 @@ int NwTcpSocket::flush(long& bytesSent) {
 // Sends the queue, oldest first, as far as the kernel takes it. `result` is the flush's when it takes all.
 int NwTcpSocket::sendQueued(int result, long& bytesSent) {
     int count = 0;
+    sendFailed = false;
     if (isTracing()) NwInfo("NwTcpSocket::flush: packets waiting to be sent: %d\n", sendQueue.count());
     for (NwListItem *item = sendQueue.first(), *following = nullptr; item; item = following) {
         following = item->next();
@@ -458,7 +459,6 @@ void NwTcpSocket::loseRest(int size) {
 void NwTcpSocket::reportNoMemory(int size) {
     if (ok && !isQuiet()) NwWarn("NwTcpSocket: no memory to queue %d bytes\n", size);
     ok = false;
-    sendFailed = true;
 }
 
 void NwTcpSocket::reportSendError() {

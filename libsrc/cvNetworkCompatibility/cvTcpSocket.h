@@ -184,7 +184,7 @@ protected:
     int headerOffset;          // the format of the packet under way
     int headerWidth;           // 0: a length was refused, and nothing is read any more
     bool headIsRemainder;  // the head of the queue is the rest of a packet that the peer has begun to read
-    bool sendFailed;       // a hard send error was seen
+    bool sendFailed;       // the latest flush ended with a hard error, or a send behind it did
 
 private:
     CVNC_LOCAL void initFields(NwIpv4Addr addr, int port);

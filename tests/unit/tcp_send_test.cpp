@@ -494,8 +494,11 @@ TEST_F(TcpSend, packetBehindAHalfSentOneThatFailedIsNeitherSentNorKept) {
     EXPECT_THAT(offered(), ElementsAre(letters('a', 99)));
     EXPECT_EQ(messages.all(), sendError(ECONNRESET));
     EXPECT_EQ(waiting(), 1);
+    sends.next({hasNoRoom()});
+    EXPECT_EQ(send(letters('c', 60)), 0);
+    EXPECT_EQ(waiting(), 2) << "no room is no error, whatever was before";
     EXPECT_EQ(socket.flush(flushed), 1);
-    EXPECT_EQ(peer.receive(99), letters('a', 99));
+    EXPECT_EQ(peer.receive(159), letters('a', 99) + letters('c', 60));
 }
 
 TEST_F(TcpSend, quietSocketsFailSilently) {
