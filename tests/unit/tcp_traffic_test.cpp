@@ -185,7 +185,7 @@ protected:
 
     // Sends everything, and gives the order in which it arrived.
     std::vector<std::uint32_t> runAll() {
-        socket->setSendBufferSize(1 << 14);
+        socket->setSendBufferSize(1 << 16);
         Reader reader(listener.accept());
         std::thread thread([&] { reader.run(); });
         sendAll();
