@@ -48,7 +48,8 @@ public:
     // packet with size %d: Forwarding...***\n" on NwDebug first, also for a len of 0, which sends nothing.
     virtual void sendToAll(char* buf, unsigned long len);
     // Serves all connections: at most totalTime seconds in all, at most perSocketTime for one of them each
-    // time its turn comes, and at most one turn each. A call overruns by one packet at most.
+    // time its turn comes, and at most one turn each. A call overruns by one packet at most. (Times are
+    // doubles: a literal 0 is ambiguous.)
     virtual void readAndForward(double totalTime, double perSocketTime);
     // Serves one connection until it has no whole packet left or the absolute time `deadline` has come:
     // flushes it, receives a packet, and passes it to sendToAll, again and again. Past the deadline nothing
