@@ -3,7 +3,9 @@
 #include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
+#include <cvNetworkCompatibility/cvTcpForwarder.h>
 #include <cvNetworkCompatibility/cvTcpSocket.h>
+#include <cvNetworkCompatibility/cvTcpSocketMgr.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,6 +18,7 @@
 #include "network.h"
 #include "packets.h"
 #include "sends.h"
+#include "tcp_connections.h"
 #include "tcp_peer.h"
 
 namespace {
@@ -386,6 +389,83 @@ TEST_F(TcpOutOfMemory, connectionTestThatCannotBeMadeIsNotSent) {
     allocationsLeft = -1;
     EXPECT_TRUE(socket.isOk());
     EXPECT_TRUE(socket.isConnectionEstablished());
+}
+
+void count(NwTcpSocket*, void* calls) {
+    ++*static_cast<int*>(calls);
+}
+
+TEST_F(OutOfMemory, tcpCallbackThatTheListCannotHoldIsNotRegistered) {
+    const Quiet quiet;
+    NwTcpSocketMgr manager(0);
+    Messages messages;
+    int known = 0, unknown = 0;
+    manager.addSocketAdditionCallback(count, &known);
+    manager.addSocketRemovalCallback(count, &known);
+    for (const int allocation : {0, 1}) {  // the record, its place in the list
+        allocationsLeft = allocation;
+        manager.addSocketAdditionCallback(count, &unknown);
+        EXPECT_EQ(messages.warn(), "NwTcpSocketMgr: no memory for a callback\n");
+        allocationsLeft = allocation;
+        manager.addSocketRemovalCallback(count, &unknown);
+        EXPECT_EQ(messages.warn(), "NwTcpSocketMgr: no memory for a callback\n");
+        allocationsLeft = -1;
+    }
+    const TcpPeer peer = connectTo(manager);
+    manager.processConnections();
+    manager.removeAndDelete(socketsOf(manager).at(0));
+    EXPECT_EQ(known, 2);
+    EXPECT_EQ(unknown, 0);
+}
+
+TEST_F(OutOfMemory, tcpConnectionThatMemoryCannotHoldIsClosed) {
+    const Quiet quiet;
+    NwTcpSocketMgr manager(0);
+    Messages messages;
+    int added = 0;
+    manager.addSocketAdditionCallback(count, &added);
+    const std::ptrdiff_t before = openDescriptors();
+    const std::string complaint = "NwTcpSocketMgr: no memory for a connection\n";
+    const std::string expected[] = {complaint, "", complaint, ""};  // the socket, its buffer, its place
+    for (int allocation = 0; allocation < 4; ++allocation) {
+        SCOPED_TRACE(allocation);
+        TcpPeer peer = connectTo(manager);
+        added = 0;
+        allocationsLeft = allocation;
+        EXPECT_NO_THROW(manager.processConnections());
+        EXPECT_EQ(allocationsLeft >= 0, allocation == 3) << "the last one needs no more";
+        allocationsLeft = -1;
+        EXPECT_EQ(messages.all(), expected[allocation]);
+        const std::vector<NwTcpSocket*> sockets = socketsOf(manager);
+        const bool isKept = expected[allocation].empty();
+        ASSERT_EQ(sockets.size(), isKept ? 1u : 0u);
+        EXPECT_EQ(added, isKept ? 1 : 0);
+        if (isKept) {
+            EXPECT_EQ(sockets[0]->isOk(), allocation == 3) << "its owner removes what is not ok";
+            manager.removeAndDelete(sockets[0]);
+        }
+        EXPECT_EQ(peer.receiveToEnd(), "");
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(OutOfMemory, relayingNeedsNone) {
+    const Quiet quiet;
+    NwTcpForwarder relay(0);
+    TcpPeer first = connectTo(*relay.socketMgr());
+    TcpPeer second = connectTo(*relay.socketMgr());
+    relay.socketMgr()->processConnections();
+    NwSetOutputLevel(NwOutputInfo);
+    const std::string bytes("\0\6four", 6);
+    first.sendAll(bytes);
+    ASSERT_TRUE(waitReadable(socketsOf(*relay.socketMgr())[0]->readFd()));
+    EXPECT_EQ(withEachAllocationFailing([&] { relay.readAndForward(1000, 1000); }), 0);
+    EXPECT_EQ(first.receive(bytes.size()), bytes);
+    EXPECT_EQ(second.receive(bytes.size()), bytes);
+    first.close();
+    ASSERT_TRUE(waitReadable(socketsOf(*relay.socketMgr())[0]->readFd()));
+    EXPECT_EQ(withEachAllocationFailing([&] { relay.readAndForward(1000, 1000); }), 0);
+    EXPECT_EQ(socketsOf(*relay.socketMgr()).size(), 1u);
 }
 
 }  // namespace

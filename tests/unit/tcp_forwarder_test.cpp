@@ -675,6 +675,38 @@ TEST_F(TcpForwarder, timeThatRunsOutAsTheStartGoesKeepsTheOrder) {
     EXPECT_THAT(round(), ElementsAre(3, 4, 2));
 }
 
+TEST_F(TcpForwarder, turnMayServeAnotherConnectionThatGoes) {
+    join(3);
+    send(2, packet("ab") + packet("cd"));
+    forwarder->beforeTurn = [&](int number) {
+        if (number == 1) forwarder->readAndForward(socket(2), kStart + 1);
+    };
+    forwarder->afterSend = [&](int served) { remove(served); };
+    EXPECT_THAT(round(), ElementsAre(1, 2, 3));
+    EXPECT_EQ(told(), "f2 r2 s1:4 s2:4 s3:4 ~2 f1 r1 f3 r3") << "what went is not touched again";
+}
+
+// The inner round moves the start past the outer one's place.
+TEST_F(TcpForwarder, turnMayHoldAnotherRound) {
+    join(2);
+    round(0);  // the next start is with 2
+    bool isInner = false;
+    forwarder->beforeTurn = [&](int number) {
+        if (number == 1 && !std::exchange(isInner, true)) forwarder->readAndForward(0.0, 0.0);
+    };
+    EXPECT_THAT(round(), ElementsAre(2, 1, 2, 2)) << "it ends at the end of the list";
+    isInner = false;
+    forwarder->reads = false;  // the inner one takes all away
+    forwarder->beforeTurn = [&](int number) {
+        if (number == 1 && !std::exchange(isInner, true)) {
+            for (const int each : {1, 2}) socket(each)->breakDown();
+            forwarder->readAndForward(kLong, kLong);
+        }
+    };
+    EXPECT_THAT(round(), ElementsAre(1));
+    EXPECT_THAT(listed(), ElementsAre());
+}
+
 // Every way in which one socket's turn can take any sockets away, from every start: nobody who stays loses a
 // turn or gets two, nobody who went is touched, and the next round begins with the start, or with the first
 // one behind it that stayed.

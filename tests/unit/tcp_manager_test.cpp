@@ -728,6 +728,7 @@ class DisappointingFactory : public TcpManager {
 protected:
     // What must follow whatever the factory gave.
     void expectRefusal(const std::function<NwSocket*(int fd)>& first) {
+        system_ = System();
         Disappointing factory;
         factory.first = first;
         NwTcpSocketMgr manager(Disappointing::make, &factory, 0);
@@ -777,15 +778,19 @@ TEST_F(DisappointingFactory, factoryMayCloseTheDescriptorItself) {
 
 // The number is given to the next descriptor that anybody opens.
 TEST_F(DisappointingFactory, descriptorOpenedInThePlaceOfAClosedOneIsLeftAlone) {
-    int log = -1;
-    expectRefusal([&](int fd) {
-        ::close(fd);
-        log = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        EXPECT_EQ(log, fd);
-        return nullptr;
-    });
-    EXPECT_TRUE(isOpen(log));
-    ::close(log);
+    const std::function<int()> opens[] = {[] { return ::open("/dev/null", O_WRONLY | O_CLOEXEC); },
+                                          [] { return ::socket(AF_INET, SOCK_DGRAM, 0); }};
+    for (const std::function<int()>& open : opens) {
+        int other = -1;
+        expectRefusal([&](int fd) {
+            ::close(fd);
+            other = open();
+            EXPECT_EQ(other, fd);
+            return nullptr;
+        });
+        EXPECT_TRUE(isOpen(other));
+        ::close(other);
+    }
 }
 
 TEST_F(TcpManager, factoryThatDisappointsDoesNotKeepTheOthersWaiting) {
