@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <map>
 #include <memory>
 #include <random>
 #include <string>

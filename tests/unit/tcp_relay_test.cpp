@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
