@@ -36,76 +36,12 @@
 #include <sstream>
 #include <string>
 
-// --- memory that ends early ------------------------------------------------------------------------------
+#include "input.h"
+#include "little_memory.h"
 
 namespace {
-
-// Announced lengths must cost nothing, but a fuzzer counts what is asked for: more than this is refused.
-const std::uint64_t kMostMemory = 1u << 20;
-
-}  // namespace
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return size > kMostMemory ? nullptr : std::malloc(size ? size : 1);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
-void* operator new[](std::size_t size) {
-    if (void* memory = std::malloc(size ? size : 1)) return memory;
-    throw std::bad_alloc();
-}
-
-namespace {
-
-[[noreturn]] void finding(const char* rule, long saw, long wanted) {
-    std::fprintf(stderr, "finding: %s: %ld instead of %ld\n", rule, saw, wanted);
-    std::abort();
-}
-
-void expectEqual(const char* rule, long saw, long wanted) {
-    if (saw != wanted) finding(rule, saw, wanted);
-}
 
 // --- input -----------------------------------------------------------------------------------------------
-
-// A step inside the fuzz bytes that never goes past them.
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : myData(data), mySize(size) {}
-
-    unsigned int number(int bytes) {
-        unsigned int value = 0;
-        for (int i = 0; i < bytes; ++i) value |= static_cast<unsigned int>(byte()) << (8 * i);
-        return value;
-    }
-    int signedNumber() {
-        const unsigned int value = number(4);
-        int result;
-        std::memcpy(&result, &value, sizeof result);
-        return result;
-    }
-    std::string bytes(std::size_t count) {
-        count = std::min(count, mySize - myPosition);
-        const std::string result(reinterpret_cast<const char*>(myData) + myPosition, count);
-        myPosition += count;
-        return result;
-    }
-    bool isAtEnd() const { return myPosition == mySize; }
-
-private:
-    std::uint8_t byte() { return myPosition < mySize ? myData[myPosition++] : std::uint8_t(0); }
-
-    const std::uint8_t* myData;
-    std::size_t mySize;
-    std::size_t myPosition = 0;
-};
 
 struct Settings {
     explicit Settings(Input& input) {

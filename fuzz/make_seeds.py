@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: BSD-3-Clause
 """Writes the seeds from the captures of tests/data/dis: recorded datagrams under many settings for the splitter,
-recorded PDUs and packets made by hand as streams for the framer.
+recorded PDUs and packets made by hand as streams for the framer, and file transfers.
 
 The layout of an input is told at the top of each target. Files whose names start with "crash-" are findings of
 earlier days and are left alone.
@@ -11,7 +11,7 @@ import struct
 
 ROOT = pathlib.Path(__file__).resolve().parent
 DATA = ROOT.parent / "tests" / "data" / "dis"
-SPLITTER, FRAMER = (ROOT / "seeds" / name for name in ("splitter", "framer"))
+SPLITTER, FRAMER, TRANSFER = (ROOT / "seeds" / name for name in ("splitter", "framer", "transfer"))
 DERIVED, HEADER, NETWORK, QUIET, UNBUNDLE, OWN, IN_PLACE, COPIED = (1 << i for i in range(8))
 DEFAULT = DERIVED | HEADER | NETWORK | UNBUNDLE
 
@@ -168,5 +168,67 @@ def framer_seeds():
     write_stream("defaults", cut(packet(2, 50), 20) + cut(packet(2, 2), 2), flags=BIG)
 
 
+def counted(text):
+    return struct.pack("<H", len(text)) + text
+
+
+def first(name, data=b"data", size=None, id=1, file_size=4, flags=0):
+    size = len(data) if size is None else size
+    return struct.pack("<BBBHB", 2, id, file_size, size, flags) + counted(name) + counted(data)
+
+
+def later(data, id=1):
+    return struct.pack("<BB", 3, id) + counted(data)
+
+
+def raw(text):
+    return b"\0" + counted(text)
+
+
+def message(body):
+    return b"\1" + counted(body)
+
+
+TEST, SECOND = b"\4", b"\5"
+
+
+def write_transfer(name, steps, flags=1, limit=15000):
+    (TRANSFER / name).write_bytes(struct.pack("<BH", flags, limit) + steps)
+
+
+def transfer_seeds():
+    clear(TRANSFER)
+    write_transfer("whole", first(b"file"))
+    write_transfer("host-order", first(b"file", size=8) + later(b"more"), flags=0)
+    write_transfer("pieces", first(b"file", b"", 9) + later(b"abc") + TEST + later(b"") + later(b"defghi"))
+    write_transfer("two", first(b"one", b"a", 2) + first(b"two", b"x", 3, id=2) + later(b"b") + later(b"yz", 2))
+    write_transfer("empty", first(b"empty", b""))
+    write_transfer("longest", first(b"file", b"x" * 75), limit=100)
+    write_transfer("too-long", first(b"file", b"x" * 76), limit=100)
+    for limit in (0xFFFF, 0, 7, 8, 21):
+        write_transfer(f"limit-{limit}", first(b"file"), limit=limit)
+    names = (b"", b".", b"..", b"/", b"a/", b"a/..", b"../x", b"/etc/x", b"a\\..\\x", b"...", b"d", b"l", b"d/x", b"l/x", b"\x1b[1m\n", b"n" * 255, b"n" * 256)
+    for i, name in enumerate(names):
+        write_transfer(f"name-{i}", first(name))
+    write_transfer("beyond", first(b"file", b"data", 3))
+    write_transfer("beyond-later", first(b"file", b"da", 4) + later(b"ta!"))
+    write_transfer("second-header", first(b"file", b"", 40) + first(b"other", b"x", 9) + later(b"rest"))
+    write_transfer("unknown", later(b"data", 7))
+    write_transfer("huge", first(b"huge", b"x", 0xFFFF) + first(b"huge", b"x", 0xFFFF, id=2))
+    write_transfer("broken", first(b"file", b"da", 4) + raw(b"\0\0\0\x09\0\0"))
+    write_transfer("quiet", first(b"file", b"da", 4) + raw(b"\0\0\0\1"), flags=3)
+    for length in (b"\0\0\0\0", b"\0\0\0\3", b"\x7f\xff\xff\xff", b"\x80\0\0\0", b"\xff\xff\xff\xff", b"\0\x10\0\0"):
+        write_transfer(f"length-{length.hex()}", first(b"file", b"da", 4) + raw(length + b"\0\0\0\1x"))
+    for size in range(1, 18):
+        write_transfer(f"short-{size}", message((b"\0\0\0\1" + b"\0" * 12 + b"n")[:size]))
+    write_transfer("unterminated", message(b"\0\0\0\1" + b"\0" * 12 + b"name"))
+    write_transfer("inner", first(b"open", b"a", 2, id=2) + first(b"file") + later(b"b", 2) + SECOND + first(b"inner", id=3))
+    write_transfer("inner-same", first(b"file", b"one") + SECOND + first(b"file", b"two", id=2))
+    for id in (1, 2):
+        write_transfer(f"intruder-{id}", first(b"open", b"a", 2, id=2) + first(b"file") + later(b"b", 2) + SECOND + first(b"x", id=id))
+    write_transfer("inner-breaks", first(b"open", b"a", 2, id=2) + first(b"file") + later(b"b", 2) + SECOND + first(b"x", b"", 9, id=3))
+
+
 splitter_seeds()
 framer_seeds()
+transfer_seeds()

@@ -35,50 +35,10 @@
 #include <string>
 #include <vector>
 
+#include "input.h"
 #include "split_model.h"
 
 namespace {
-
-[[noreturn]] void finding(const char* rule, long saw, long wanted) {
-    std::fprintf(stderr, "finding: %s: %ld instead of %ld\n", rule, saw, wanted);
-    std::abort();
-}
-
-void expectEqual(const char* rule, long saw, long wanted) {
-    if (saw != wanted) finding(rule, saw, wanted);
-}
-
-// A step inside the fuzz bytes that never goes past them.
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : myData(data), mySize(size) {}
-
-    unsigned int number(int bytes) {
-        unsigned int value = 0;
-        for (int i = 0; i < bytes; ++i) value |= static_cast<unsigned int>(byte()) << (8 * i);
-        return value;
-    }
-    int signedNumber() {
-        const unsigned int value = number(4);
-        int result;
-        std::memcpy(&result, &value, sizeof result);
-        return result;
-    }
-    std::string bytes(std::size_t count) {
-        count = std::min(count, mySize - myPosition);
-        const std::string result(reinterpret_cast<const char*>(myData) + myPosition, count);
-        myPosition += count;
-        return result;
-    }
-    bool isAtEnd() const { return myPosition == mySize; }
-
-private:
-    std::uint8_t byte() { return myPosition < mySize ? myData[myPosition++] : std::uint8_t(0); }
-
-    const std::uint8_t* myData;
-    std::size_t mySize;
-    std::size_t myPosition = 0;
-};
 
 struct Settings {
     explicit Settings(Input& input) {
