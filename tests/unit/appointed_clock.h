@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 namespace {
 
@@ -17,6 +19,16 @@ std::atomic<long> theSecondsAhead{0};
 // Lets so many seconds pass.
 void passSeconds(long seconds) {
     theSecondsAhead += seconds;
+}
+
+// Whether what waits for `seconds` to pass ends when they do: at the latest the second time, when the wait
+// may have begun in between. (The time that passes by itself here is the test's patience.)
+bool endsAfter(long seconds, const std::atomic<bool>& isOver) {
+    for (int round = 0; round < 2 && !isOver; ++round) {
+        passSeconds(seconds);
+        for (int i = 0; i < 500 && !isOver; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return isOver;
 }
 
 }  // namespace
