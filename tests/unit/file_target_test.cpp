@@ -182,6 +182,7 @@ TEST_F(FileTarget, whatIsNoRegularFileIsLeftAlone) {
     const auto before = dir.tree();
     std::vector<std::string> names = {"directory", "fifo", "read-fifo", "socket"};
     for (const auto& link : links) names.push_back(link.first);
+    const int descriptors = openDescriptors();
     if (hasDevice) names.push_back("device");
     for (const std::string& name : names) {
         ASSERT_TRUE(dir.has("inbox/" + name)) << name;
@@ -191,6 +192,8 @@ TEST_F(FileTarget, whatIsNoRegularFileIsLeftAlone) {
     }
     char byte;
     EXPECT_LE(::read(reader, &byte, 1), 0) << "nothing went through the fifo";
+    const int connections = 2 * static_cast<int>(names.size());  // both ends of each
+    EXPECT_EQ(openDescriptors(), descriptors + connections);
     ::close(reader);
     ::close(socket);
     EXPECT_EQ(dir.tree(), before);
