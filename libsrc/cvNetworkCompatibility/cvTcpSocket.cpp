@@ -184,7 +184,7 @@ int NwTcpSocket::NwRecv(char** pkt, int* status) {
 int NwTcpSocket::NwRecv(char* buf, unsigned long len) {
     char* pkt = nullptr;
     const int n = recvWithStatus(&pkt, nullptr);
-    if (n) std::memcpy(buf, pkt, NwMin(static_cast<unsigned long>(n), len));
+    if (n && len) std::memcpy(buf, pkt, NwMin(static_cast<unsigned long>(n), len));
     return n;
 }
 
