@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <fstream>
 #include <map>
 #include <random>
 #include <string>
@@ -460,9 +461,16 @@ public:
     using Receiver::Receiver;
     NwFileTransportObject& transportObject(int id) override {
         most = std::max(most, residentBytes());
+        mostAddressed = std::max(mostAddressed, addressedBytes());
         return NwFileTransporter::transportObject(id);
     }
-    std::size_t most = 0;
+    // What is set aside as address space, whether or not it is used: the system bounds that, too.
+    static std::size_t addressedBytes() {
+        std::size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        return pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    }
+    std::size_t most = 0, mostAddressed = 0;
 };
 
 const unsigned int kAnnouncements = kIsSanitized ? 50 : 1000;
@@ -482,14 +490,15 @@ TEST_F(FileReceive, announcementsOnOneConnectionCommitNoMemory) {
             peer.sendAll(stream);
             peer.close();
         });
-        weighed.most = 0;
-        const std::size_t before = residentBytes();
+        weighed.most = weighed.mostAddressed = 0;
+        const std::size_t before = residentBytes(), addressedBefore = Weighed::addressedBytes();
         weighed.tick();
         sending.join();
         EXPECT_EQ(messages.warn(), kSocketError);
         EXPECT_GT(weighed.most, 0u);
         if (!kIsSanitized) {
             EXPECT_LE(weighed.most, before + kFlat);
+            EXPECT_LE(weighed.mostAddressed, addressedBefore + (std::size_t(1) << 30));
         }
         EXPECT_EQ(weighed.transfersUnderWay(), 0u);
         messages.debug();
