@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -22,8 +23,24 @@
 namespace cvnet {
 namespace {
 
+constexpr unsigned kMaxPort = 65535;
+
 NwIpv4Addr hostOrder(const sockaddr* address) {
     return ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr);
+}
+
+NwIpv4Addr hostAddress(const std::string& host) {
+    NwIpv4Addr address = 0;
+    if (NwInetAddrFromString(host.c_str(), &address)) return address;
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int error = ::getaddrinfo(host.c_str(), nullptr, &wanted, &found);
+    if (error != 0)
+        throw Failure(fmt::format("cannot look up {}: {}", printable(host), ::gai_strerror(error)));
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(found, ::freeaddrinfo);
+    return hostOrder(found->ai_addr);
 }
 
 std::string knownInterfaces(const std::vector<Interface>& interfaces) {
@@ -54,6 +71,22 @@ std::string addressText(NwIpv4Addr addrHostOrder) {
 std::string endpointText(NwIpv4Addr addrHostOrder, unsigned port) {
     if (port == 0) return NwInetAddrString(addrHostOrder);  // not known
     return fmt::format("{}:{}", NwInetAddrString(addrHostOrder), port);
+}
+
+Endpoint endpointFromText(const std::string& text, const std::string& option) {
+    const std::size_t colon = text.rfind(':');
+    const std::string host = text.substr(0, colon);
+    const std::string digits = colon == std::string::npos ? "" : text.substr(colon + 1);
+    const bool isNumber =
+        !digits.empty() && digits.size() <= 5 && digits.find_first_not_of("0123456789") == std::string::npos;
+    Endpoint endpoint;
+    if (isNumber) endpoint.port = static_cast<unsigned>(std::stoul(digits));
+    if (host.empty() || endpoint.port == 0 || endpoint.port > kMaxPort) {
+        throw UsageFailure(
+            fmt::format("{}: '{}' is no HOST:PORT (as in 10.1.2.3:3000)", option, printable(text)));
+    }
+    endpoint.addrHostOrder = hostAddress(host);
+    return endpoint;
 }
 
 std::vector<Interface> hostInterfaces() {

@@ -18,6 +18,17 @@ std::string addressText(NwIpv4Addr addrHostOrder);
 /// "10.1.2.3:3000".
 std::string endpointText(NwIpv4Addr addrHostOrder, unsigned port);
 
+struct Endpoint {
+    NwIpv4Addr addrHostOrder = 0;
+    unsigned port = 0;
+
+    std::string text() const { return endpointText(addrHostOrder, port); }
+};
+
+/// "10.1.2.3:3000" or "relay.site:3000"; a name is looked up. Throws UsageFailure for what is none of them,
+/// Failure for a name without an IPv4 address; `option` is named in the former.
+Endpoint endpointFromText(const std::string& text, const std::string& option);
+
 struct Interface {
     std::string name;
     bool hasAddress = false;

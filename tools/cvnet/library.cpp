@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 #include <streambuf>
+#include <string_view>
 
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvutil/cvOutput.h>
@@ -15,7 +16,8 @@
 namespace cvnet {
 namespace {
 
-// Holds the last warning. The streams call it under their lock; the tool has one thread.
+// Holds the last warning; the empty lines behind some of them do not count. The streams call it under their
+// lock; the tool has one thread.
 class LastWarning : public std::streambuf {
 public:
     std::string take() {
@@ -26,7 +28,8 @@ public:
 
 protected:
     std::streamsize xsputn(const char* text, std::streamsize length) override {
-        text_.assign(text, static_cast<std::size_t>(length));  // a message comes as one piece
+        const std::string_view message(text, static_cast<std::size_t>(length));  // it comes as one piece
+        if (message != "\n") text_ = message;
         return length;
     }
     int_type overflow(int_type c) override { return traits_type::not_eof(c); }

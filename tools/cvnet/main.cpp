@@ -21,6 +21,7 @@
 #include "library.h"
 #include "output.h"
 #include "recv.h"
+#include "relay.h"
 #include "send.h"
 #include "stop_signal.h"
 #include "text.h"
@@ -28,10 +29,10 @@
 namespace cvnet {
 namespace {
 
-using Commands = std::array<std::unique_ptr<Command>, 3>;
+using Commands = std::array<std::unique_ptr<Command>, 4>;
 
 Commands makeCommands() {
-    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand()};
+    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand(), makeRelayCommand()};
 }
 
 // Started with one of them closed, the next socket or file would take its number, and lines meant for a

@@ -100,9 +100,10 @@ void PortOption::declareDestination(CLI::App& app) {
         ->type_name("PORT");
 }
 
-void PortOption::declareListening(CLI::App& app) {
-    app.add_option("--port", port,
-                   fmt::format("UDP port to listen on, 0 for any free one (default {})", kDefaultDisPort))
+void PortOption::declareListening(CLI::App& app, const char* protocol) {
+    app.add_option(
+           "--port", port,
+           fmt::format("{} port to listen on, 0 for any free one (default {})", protocol, kDefaultDisPort))
         ->check(range(0, kMaxPort))
         ->type_name("PORT");
 }

@@ -42,7 +42,7 @@ struct PortOption {
 
     void declareDestination(CLI::App& app);
     /// 0 lets the kernel choose.
-    void declareListening(CLI::App& app);
+    void declareListening(CLI::App& app, const char* protocol);
 };
 
 /// --interface NAME|ADDRESS

@@ -5,7 +5,9 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 
 #include <fmt/format.h>
@@ -19,6 +21,10 @@ namespace {
 
 // Large enough that a flood costs few system calls, small enough to be nothing.
 constexpr std::size_t kWriteSize = 32768;
+
+// A pipe that can be written takes this much without waiting.
+constexpr std::size_t kWriteSizeWithoutWaiting = PIPE_BUF;
+constexpr std::size_t kMaxPending = 1000000;
 
 constexpr std::size_t kFallbackRows = 24;
 constexpr std::size_t kFallbackColumns = 80;
@@ -49,6 +55,11 @@ Window window() {
     return result;
 }
 
+bool takesMore() {
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    return ::poll(&output, 1, 0) == 1;
+}
+
 }  // namespace
 
 Output::Output() : terminal_(::isatty(STDOUT_FILENO) == 1), colours_(terminal_ && coloursWanted()) {}
@@ -59,6 +70,10 @@ void Output::lookForReader() {
 }
 
 void Output::line(std::string_view text) {
+    if (!waits_ && pending_.size() + text.size() > kMaxPending) {
+        ++droppedLines_;
+        return;
+    }
     pending_ += text;
     pending_ += '\n';
     if (pending_.size() >= kWriteSize) flush();
@@ -83,13 +98,16 @@ void Output::erase() {
 
 void Output::flush() {
     if (pending_.empty()) return;
-    write(pending_);
-    pending_.clear();
+    const std::size_t left = write(pending_).size();
+    pending_.erase(0, pending_.size() - left);
 }
 
-void Output::write(std::string_view text) {
+// Returns what it did not write, which is nothing unless there was no room and waits_ is false.
+std::string_view Output::write(std::string_view text) {
     while (!text.empty() && !closed_) {
-        const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+        if (!waits_ && !takesMore()) return text;
+        const std::size_t size = waits_ ? text.size() : std::min(text.size(), kWriteSizeWithoutWaiting);
+        const ssize_t written = ::write(STDOUT_FILENO, text.data(), size);
         const int error = errno;
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
@@ -103,6 +121,7 @@ void Output::write(std::string_view text) {
             throw Failure("cannot write to standard output: " + errorText(error));
         }
     }
+    return {};
 }
 
 std::string Output::styled(int sgr, std::string_view text) const {

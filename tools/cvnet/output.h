@@ -5,6 +5,7 @@
 #define CVNET_OUTPUT_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -39,16 +40,26 @@ public:
 
     void flush();
 
+    /// With false, a reader that is there but does not read makes nobody wait: flush() then writes what it
+    /// takes at once, the rest stays, and lines beyond a megabyte of it are dropped.
+    void setWaits(bool waits) { waits_ = waits; }
+
+    /// Whether lines are there that the reader has not taken; and how many were dropped.
+    bool hasPending() const { return !pending_.empty(); }
+    std::uint64_t droppedLines() const { return droppedLines_; }
+
     /// Text in a colour or as it is: bold and dim are SGR 1 and 2, warnings 33, good results 32.
     std::string styled(int sgr, std::string_view text) const;
 
 private:
-    void write(std::string_view text);
+    std::string_view write(std::string_view text);
 
     bool terminal_;
     bool colours_;
     bool closed_ = false;
+    bool waits_ = true;
     std::size_t drawnLines_ = 0;
+    std::uint64_t droppedLines_ = 0;
     std::string pending_;
 };
 

@@ -31,7 +31,9 @@ bool takes(const std::string& boundHex, NwIpv4Addr wanted) {
     return ntohl(static_cast<NwIpv4Addr>(std::strtoul(boundHex.c_str(), nullptr, 16))) == wanted;
 }
 
-void collectInodes(const char* table, unsigned port, NwIpv4Addr addrHostOrder, Inodes& inodes) {
+// The sockets of a table in one state ("": in any).
+void collectInodes(const char* table, const std::string& wantedState, unsigned port, NwIpv4Addr addrHostOrder,
+                   Inodes& inodes) {
     std::ifstream file(table);
     std::string line;
     std::getline(file, line);  // headings
@@ -43,6 +45,7 @@ void collectInodes(const char* table, unsigned port, NwIpv4Addr addrHostOrder, I
         const std::size_t colon = local.find(':');
         if (colon == std::string::npos || inode.empty() || inode == "0") continue;
         if (std::strtoul(local.c_str() + colon + 1, nullptr, 16) != port) continue;
+        if (!wantedState.empty() && state != wantedState) continue;
         if (takes(local.substr(0, colon), addrHostOrder)) inodes.insert(inode);
     }
 }
@@ -81,12 +84,7 @@ std::string commandOf(const std::string& pid) {
     return printable(command);
 }
 
-}  // namespace
-
-std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder) {
-    Inodes inodes;
-    collectInodes("/proc/self/net/udp", port, addrHostOrder, inodes);
-    collectInodes("/proc/self/net/udp6", port, addrHostOrder, inodes);
+std::optional<PortOwner> ownerOf(const Inodes& inodes) {
     if (inodes.empty()) return std::nullopt;
     const std::string self = std::to_string(::getpid());
     for (const std::string& pid : entriesOf("/proc")) {
@@ -94,6 +92,23 @@ std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder) {
         return PortOwner{std::atoi(pid.c_str()), commandOf(pid)};
     }
     return PortOwner{};
+}
+
+}  // namespace
+
+std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder) {
+    Inodes inodes;
+    collectInodes("/proc/self/net/udp", "", port, addrHostOrder, inodes);
+    collectInodes("/proc/self/net/udp6", "", port, addrHostOrder, inodes);
+    return ownerOf(inodes);
+}
+
+std::optional<PortOwner> tcpPortOwner(unsigned port) {
+    const char* const listening = "0A";  // TCP_LISTEN, as the kernel prints it
+    Inodes inodes;
+    collectInodes("/proc/self/net/tcp", listening, port, 0, inodes);
+    collectInodes("/proc/self/net/tcp6", listening, port, 0, inodes);
+    return ownerOf(inodes);
 }
 
 std::string portOwnerText(const PortOwner& owner) {

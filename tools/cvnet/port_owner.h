@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Which process has a UDP port open already.
+// Which process has a port open already.
 #ifndef CVNET_PORT_OWNER_H
 #define CVNET_PORT_OWNER_H
 
@@ -18,6 +18,9 @@ struct PortOwner {
 /// The first process other than this one with a UDP socket on `port` that takes datagrams to
 /// `addrHostOrder` (0: any address). Nothing when there is none.
 std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder);
+
+/// The first process other than this one that listens on a TCP port.
+std::optional<PortOwner> tcpPortOwner(unsigned port);
 
 /// "process 1234 (cvnet)".
 std::string portOwnerText(const PortOwner& owner);

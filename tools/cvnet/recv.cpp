@@ -377,12 +377,8 @@ std::string Receiver::oddText(const PduView& packet) const {
 }
 
 std::string Receiver::jsonOf(const PduView& packet) const {
-    const timespec& when = counts_.arrival;
-    // Whole microseconds: a double holds those of this century exactly enough, nanoseconds it does not.
-    const long microseconds = when.tv_nsec / 1000;
-    const double time = static_cast<double>(when.tv_sec) + static_cast<double>(microseconds) * 1e-6;
     nlohmann::ordered_json json = {{"event", "pdu"},
-                                   {"time", time},
+                                   {"time", secondsSince1970(counts_.arrival)},
                                    {"source", addressText(socket_->lastSourceInetAddr())},
                                    {"port", counts_.sourcePort},
                                    {"version", packet.version()},
@@ -537,7 +533,7 @@ private:
 };
 
 void RecvCommand::addOptions(CLI::App& app) {
-    options_.port.declareListening(app);
+    options_.port.declareListening(app, "UDP");
     app.add_option("--group", options_.groups, "Join these multicast groups")
         ->delimiter(',')
         ->allow_extra_args(false)

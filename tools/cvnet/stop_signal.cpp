@@ -3,12 +3,10 @@
 #include "stop_signal.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <iterator>
 
 #include "failure.h"
 #include "text.h"
@@ -63,16 +61,25 @@ bool StopSignal::raised() {
 }
 
 bool StopSignal::wait(int fd, std::optional<Clock::time_point> until) {
-    // poll skips a negative descriptor, and tells of errors without being asked.
-    pollfd watched[] = {{gPipe[0], POLLIN, 0}, {fd, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-    for (;;) {
-        if (raised()) return false;
+    std::vector<pollfd> descriptors = {{fd, POLLIN, 0}};  // poll skips a negative descriptor
+    wait(descriptors, until);
+    return (descriptors[0].revents & (POLLIN | POLLERR)) != 0;
+}
+
+void StopSignal::wait(std::vector<pollfd>& descriptors, std::optional<Clock::time_point> until) {
+    const std::size_t count = descriptors.size();
+    for (pollfd& descriptor : descriptors) descriptor.revents = 0;
+    // Errors of standard output are told without being asked for.
+    descriptors.insert(descriptors.end(), {{gPipe[0], POLLIN, 0}, {STDOUT_FILENO, 0, 0}});
+    bool isInterrupted = true;
+    while (isInterrupted && !raised()) {
         const timespec left = until ? remaining(*until) : timespec{};
-        const int ready = ::ppoll(watched, std::size(watched), until ? &left : nullptr, nullptr);
+        const int ready = ::ppoll(descriptors.data(), descriptors.size(), until ? &left : nullptr, nullptr);
         const int error = errno;
-        if (ready >= 0) return (watched[1].revents & (POLLIN | POLLERR)) != 0;
-        if (error != EINTR) throw Failure("cannot wait: " + errorText(error));
+        isInterrupted = ready < 0;
+        if (ready < 0 && error != EINTR) throw Failure("cannot wait: " + errorText(error));
     }
+    descriptors.resize(count);
 }
 
 }  // namespace cvnet

@@ -3,8 +3,11 @@
 #ifndef CVNET_STOP_SIGNAL_H
 #define CVNET_STOP_SIGNAL_H
 
+#include <poll.h>
+
 #include <chrono>
 #include <optional>
+#include <vector>
 
 namespace cvnet {
 
@@ -22,6 +25,10 @@ public:
     /// Waits until a signal comes, `fd` can be read (-1: no descriptor), the reader of standard output goes
     /// away, or `until` (none: for ever). True when `fd` can be read.
     static bool wait(int fd, std::optional<Clock::time_point> until);
+
+    /// The same for several, each with what to wait for in `events`. What came is in `revents`, all 0 where
+    /// something else ended the wait.
+    static void wait(std::vector<pollfd>& descriptors, std::optional<Clock::time_point> until);
 };
 
 }  // namespace cvnet

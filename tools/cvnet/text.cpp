@@ -3,7 +3,6 @@
 #include "text.h"
 
 #include <cctype>
-#include <ctime>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -68,6 +67,21 @@ std::string errorText(int errnoValue) {
 
 std::string counted(unsigned long long count, const char* singular) {
     return fmt::format("{} {}{}", count, singular, count == 1 ? "" : "s");
+}
+
+std::string durationText(double seconds) {
+    constexpr double minute = 60.0;
+    constexpr double hour = 60.0 * minute;
+    constexpr double day = 24.0 * hour;
+    if (seconds < minute) return fmt::format("{} s", static_cast<long>(seconds));
+    if (seconds < hour) return fmt::format("{} min", static_cast<long>(seconds / minute));
+    if (seconds < day) return fmt::format("{} h", static_cast<long>(seconds / hour));
+    return fmt::format("{} d", static_cast<long>(seconds / day));
+}
+
+double secondsSince1970(const timespec& time) {
+    const long microseconds = time.tv_nsec / 1000;
+    return static_cast<double>(time.tv_sec) + static_cast<double>(microseconds) * 1e-6;
 }
 
 std::string timeOfDayText(long seconds, long nanoseconds) {

@@ -3,6 +3,7 @@
 #ifndef CVNET_TEXT_H
 #define CVNET_TEXT_H
 
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,13 @@ std::string errorText(int errnoValue);
 
 /// "1 PDU", "2 PDUs".
 std::string counted(unsigned long long count, const char* singular);
+
+/// "59 s", "12 min", "5 h", "3 d".
+std::string durationText(double seconds);
+
+/// Seconds since 1970 in whole microseconds: a double holds those of this century exactly enough,
+/// nanoseconds it does not.
+double secondsSince1970(const timespec& time);
 
 /// Wall-clock time of day in this host's zone, "12:34:56.789012".
 std::string timeOfDayText(long seconds, long nanoseconds);
