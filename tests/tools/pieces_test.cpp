@@ -7,11 +7,13 @@
 #include <cstring>
 
 #include "captures.h"
+#include "echo_filter.h"
 #include "failure.h"
 #include "frame.h"
 #include "options.h"
 #include "packets.h"
 #include "pdu.h"
+#include "stream_format.h"
 #include "synthetic.h"
 #include "tally.h"
 #include "text.h"
@@ -390,4 +392,46 @@ TEST(Synthetic, movesAsItsVelocityAndAccelerationSay) {
     EXPECT_NEAR(f32At(before.data() + 72), std::atan2(vy, vx), 1e-5);
     EXPECT_NEAR(f32At(before.data() + 76), -std::asin(vz / 120.0), 1e-5);
     EXPECT_EQ(before[88], 4);  // dead reckoning with rotation, velocity and acceleration
+}
+
+TEST(EchoFilter, knowsEachPacketThatWasSentOnce) {
+    EchoFilter filter;
+    EXPECT_FALSE(filter.isOwn("a"));
+    filter.sent("a");
+    filter.sent("b");
+    filter.sent("a");
+    EXPECT_TRUE(filter.isOwn("a"));
+    EXPECT_TRUE(filter.isOwn("a"));
+    EXPECT_FALSE(filter.isOwn("a"));
+    EXPECT_TRUE(filter.isOwn("b"));
+    EXPECT_EQ(filter.outstanding(), 0U);
+}
+
+TEST(EchoFilter, forgetsTheOldestThatNeverCameBack) {
+    EchoFilter filter;
+    for (std::size_t i = 0; i <= EchoFilter::kMaxOutstanding; ++i) filter.sent(std::to_string(i));
+    EXPECT_EQ(filter.outstanding(), EchoFilter::kMaxOutstanding);
+    EXPECT_FALSE(filter.isOwn("0"));
+    EXPECT_TRUE(filter.isOwn("1"));
+    EXPECT_TRUE(filter.isOwn(std::to_string(EchoFilter::kMaxOutstanding)));
+}
+
+TEST(StreamFormat, holdsPacketsWhoseFieldIsTheirLength) {
+    const auto holds = [](int offset, int length, const std::string& bytes) {
+        StreamFormat format;
+        format.sizeOffset = offset;
+        format.sizeLength = length;
+        return format.holds(bytes.data(), bytes.size());
+    };
+    EXPECT_TRUE(holds(8, 2, pdu(12)));
+    EXPECT_TRUE(holds(8, 2, pdu(65535)));
+    EXPECT_FALSE(holds(8, 2, withLength(pdu(12), 13)));
+    EXPECT_FALSE(holds(8, 2, withLength(pdu(12), 11)));
+    EXPECT_FALSE(holds(8, 2, withLength(pdu(12), 10).substr(0, 10))) << "a connection test";
+    EXPECT_FALSE(holds(8, 2, pdu(12).substr(0, 9))) << "no whole field";
+    EXPECT_FALSE(holds(8, 2, ""));
+    EXPECT_TRUE(holds(0, 1, std::string(1, 127) + std::string(126, 'x')));
+    EXPECT_FALSE(holds(0, 1, std::string(1, '\x80') + std::string(127, 'x'))) << "a byte is a signed number";
+    EXPECT_TRUE(holds(1, 4, std::string("a\0\0\0\6b", 6)));
+    EXPECT_FALSE(holds(1, 4, std::string("a\0\0\6\0b", 6)));
 }

@@ -21,6 +21,7 @@
 #include <cvNetworkCompatibility/cvAsyncSocket.h>
 
 #include "address.h"
+#include "capture_source.h"
 #include "capture_writer.h"
 #include "failure.h"
 #include "json_line.h"
@@ -31,6 +32,8 @@
 #include "port_owner.h"
 #include "receiving_socket.h"
 #include "stop_signal.h"
+#include "stream_format.h"
+#include "stream_socket.h"
 #include "tally.h"
 #include "text.h"
 
@@ -42,6 +45,9 @@ constexpr auto kRedrawPeriod = std::chrono::milliseconds(500);
 constexpr auto kHintAfter = std::chrono::seconds(5);
 // How often the queue of an asynchronous socket is looked at while it is empty.
 constexpr auto kQueuePeriod = std::chrono::milliseconds(5);
+// For a peer that does not close.
+constexpr auto kLastWait = std::chrono::seconds(1);
+constexpr auto kLastWaitAsSender = std::chrono::seconds(5);
 constexpr const char* kHeaderTestOption = "--no-header-test";
 
 struct RecvOptions {
@@ -52,6 +58,9 @@ struct RecvOptions {
     FilterOptions filters;
     bool noHeaderTest = false;
     bool async = false;
+    std::optional<std::string> tcp;  // HOST:PORT
+    StreamFormat format;             // with --tcp
+    std::string send;                // a capture, with --tcp
     bool summary = false;
     std::string write;
     int rcvbufBytes = 0;
@@ -218,6 +227,11 @@ public:
 private:
     using Seconds = std::chrono::duration<double>;
 
+    void announceStream();
+    void advanceSource();
+    Clock::time_point sendDue() const;
+    void sendOwn(Clock::time_point now);
+    void finishStream();
     bool receiveOne();
     void countQueued();
     void deliver(const PduView& packet);
@@ -253,10 +267,16 @@ private:
     Place place_;
     std::unique_ptr<CaptureWriter> writer_;
     ReceiveCounts counts_;
-    std::unique_ptr<NwNetSocket> socket_;
+    std::unique_ptr<NwSocket> socket_;
+    NwNetSocket* udp_ = nullptr;             // that socket, or
+    ReceivingStream* stream_ = nullptr;      // with --tcp
+    std::unique_ptr<CaptureSource> source_;  // with --send, until everything is sent
     Destinations destinations_;
     Tally tally_;
     std::uint64_t refused_ = 0;
+    std::uint64_t own_ = 0;      // that came back
+    std::uint64_t sent_ = 0;     // with --send
+    std::uint64_t unsaved_ = 0;  // longer than any datagram, which a capture cannot hold
     std::uint64_t datagramsSeen_ = 0;
 
     Clock::time_point start_ = Clock::now();
@@ -269,7 +289,17 @@ private:
 
 Receiver::Receiver(const RecvOptions& options, Output& out)
     : options_(options), out_(out), filters_(options.filters), place_(options), destinations_(place_) {
-    socket_ = openSocket(options_, place_, counts_);
+    if (!options_.tcp) {
+        auto socket = openSocket(options_, place_, counts_);
+        udp_ = socket.get();
+        socket_ = std::move(socket);
+    } else {
+        if (!options_.send.empty()) source_ = std::make_unique<CaptureSource>(options_.send, 1);
+        auto stream = std::make_unique<ReceivingStream>(endpointFromText(*options_.tcp, "--tcp"),
+                                                        options_.format, counts_);
+        stream_ = stream.get();
+        socket_ = std::move(stream);
+    }
     // Not before: a file that is there is emptied by this.
     if (!options_.write.empty()) writer_ = std::make_unique<CaptureWriter>(options_.write);
     applyFilter(socket_->protocolVersion(), filters_.version);
@@ -279,6 +309,7 @@ Receiver::Receiver(const RecvOptions& options, Output& out)
 }
 
 void Receiver::announce() {
+    if (stream_) return announceStream();
     const unsigned port = boundPort(socket_->readFd());
     if (options_.report.json) {
         nlohmann::ordered_json groups = nlohmann::ordered_json::array();
@@ -294,6 +325,42 @@ void Receiver::announce() {
     start_ = lastHeard_ = redrawDue_ = Clock::now();
 }
 
+void Receiver::announceStream() {
+    const Endpoint& peer = stream_->peer();
+    if (options_.report.json) {
+        out_.line(jsonLine({{"event", "connected"},
+                            {"address", addressText(peer.addrHostOrder)},
+                            {"port", peer.port},
+                            {"localPort", boundPort(socket_->readFd())}}));
+    } else {
+        out_.line("connected to " + peer.text());
+    }
+    out_.flush();
+    start_ = lastHeard_ = redrawDue_ = Clock::now();
+    if (source_) advanceSource();
+}
+
+void Receiver::advanceSource() {
+    if (!source_->advance()) source_.reset();
+}
+
+Clock::time_point Receiver::sendDue() const {
+    return start_ + duration(source_->dueSeconds());
+}
+
+// Whatever is due, as long as the peer takes it.
+void Receiver::sendOwn(Clock::time_point now) {
+    while (source_ && !stream_->hasQueue() && now >= sendDue()) {
+        const Packet packet = source_->packet();
+        if (options_.format.holds(packet.bytes, packet.lengthBytes)) {
+            stream_->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR);
+            stream_->checkIsOk();
+            ++sent_;
+        }
+        advanceSource();
+    }
+}
+
 void Receiver::receiveAll() {
     for (Clock::time_point now = Clock::now(); !isOver(now); now = Clock::now()) {
         doWhatIsDue(now);
@@ -301,6 +368,17 @@ void Receiver::receiveAll() {
     }
     out_.flush();
     if (writer_) writer_->flush();
+    if (stream_) finishStream();
+}
+
+void Receiver::finishStream() {
+    while (stream_->hasQueue() && !StopSignal::raised()) {
+        stream_->waitAndFlush(std::nullopt);
+        stream_->discardIncoming();
+    }
+    const std::string reason = stream_->finish(sent_ != 0 ? kLastWaitAsSender : kLastWait);
+    if (!reason.empty() && sent_ != 0)
+        throw Failure(fmt::format("{} has not taken everything: {}", stream_->peer().text(), reason));
 }
 
 // Receives until a packet has been looked at, delivered or refused; false when there is none.
@@ -318,7 +396,12 @@ bool Receiver::receiveOne() {
         ++refused_;
         return true;
     }
-    if (status != 1) return socket_->dataLeftInCurrentBundle();
+    if (status == -3) {
+        ++own_;
+        return true;
+    }
+    if (stream_ && status != 1) stream_->checkIsOk();
+    if (status != 1) return udp_ && udp_->dataLeftInCurrentBundle();
     deliver(PduView(bytes, static_cast<std::size_t>(length)));
     return true;
 }
@@ -334,13 +417,18 @@ void Receiver::countQueued() {
 }
 
 void Receiver::deliver(const PduView& packet) {
-    tally_.add(packet, counts_.datagrams, {socket_->lastSourceInetAddr(), counts_.sourcePort});
+    tally_.add(packet, stream_ ? Tally::kNoDatagram : counts_.datagrams,
+               {socket_->lastSourceInetAddr(), counts_.sourcePort});
     if (writer_) save(packet);
     if (!showsLines()) return;
     out_.line(options_.report.json ? jsonOf(packet) : lineOf(packet));
 }
 
 void Receiver::save(const PduView& packet) {
+    if (packet.lengthBytes() > kMaxPayload) {
+        ++unsaved_;
+        return;
+    }
     UdpDatagram datagram;
     datagram.sourceHostOrder = socket_->lastSourceInetAddr();
     datagram.sourcePort = counts_.sourcePort;
@@ -371,7 +459,7 @@ std::string Receiver::oddText(const PduView& packet) const {
             break;
     }
     const std::string rest = fmt::format("UNDIVIDED REST: its length field says {}", packet.declaredLength());
-    return options_.noHeaderTest
+    return options_.noHeaderTest || stream_
                ? rest
                : fmt::format("{}; {} splits by the length fields alone", rest, kHeaderTestOption);
 }
@@ -410,11 +498,13 @@ std::optional<Clock::time_point> Receiver::nextEvent() const {
     if (options_.idleSeconds > 0.0) next = std::min(next, lastHeard_ + duration(options_.idleSeconds));
     if (drawsSummary()) next = std::min(next, redrawDue_);
     if (out_.isTerminal() && !hintShown_) next = std::min(next, start_ + kHintAfter);
+    if (source_ && !stream_->hasQueue()) next = std::min(next, sendDue());
     if (next == Clock::time_point::max()) return std::nullopt;
     return next;
 }
 
 void Receiver::doWhatIsDue(Clock::time_point now) {
+    if (source_) sendOwn(now);
     if (drawsSummary() && now >= redrawDue_) {
         drawSummary();
         redrawDue_ = now + kRedrawPeriod;
@@ -426,6 +516,11 @@ void Receiver::doWhatIsDue(Clock::time_point now) {
 void Receiver::idle() {
     if (writer_) writer_->flush();
     out_.flush();
+    if (stream_) {
+        stream_->waitAndFlush(nextEvent());
+        out_.lookForReader();
+        return;
+    }
     // The descriptor of an asynchronous socket is its worker's: the queue is looked at instead.
     const bool mayWait = !options_.async;
     const std::optional<Clock::time_point> until = mayWait ? nextEvent() : Clock::now() + kQueuePeriod;
@@ -438,6 +533,11 @@ void Receiver::showHint() {
     out_.erase();  // the hint stands above the live table, which is drawn anew below it
     out_.flush();
     redrawDue_ = Clock::now();
+    if (stream_) {
+        errorLine(fmt::format("nothing has come for {} s. Does anyone send to {}?", kHintAfter.count(),
+                              stream_->peer().text()));
+        return;
+    }
     errorLine(fmt::format(
         "nothing has come for {} s. Does the sender use port {} and the interface that this host listens "
         "on{}? Does a firewall drop UDP here?",
@@ -454,8 +554,8 @@ void Receiver::drawSummary() {
 
 std::string Receiver::totalsText() const {
     const Count& total = tally_.total();
-    std::string text =
-        fmt::format("received {} in {}", tally_.packetsText(), counted(total.datagrams, "datagram"));
+    std::string text = "received " + tally_.packetsText();
+    if (!stream_) text += " in " + counted(total.datagrams, "datagram");
     if (total.datagrams != 0) {
         text += fmt::format(" ({:.2f} a datagram)",
                             static_cast<double>(total.pdus) / static_cast<double>(total.datagrams));
@@ -470,6 +570,12 @@ std::string Receiver::oddTotalsText() const {
     if (counts_.tooShort) {
         text += fmt::format("too short: {}; mixed bundles: {}; ", *counts_.tooShort + *counts_.empty,
                             *counts_.mixed);
+    }
+    if (stream_) {
+        text.resize(text.size() - 2);
+        if (!options_.send.empty()) text += fmt::format("; sent: {}; own that came back: {}", sent_, own_);
+        if (unsaved_ != 0) text += fmt::format("; too long to be saved: {}", unsaved_);
+        return text;
     }
     return text + kernelDropsText(kernelDrops(socket_->readFd()));
 }
@@ -495,6 +601,13 @@ std::string Receiver::totalsJson() const {
                                    {"types", tally_.typesJson()},
                                    {"exercises", tally_.exercisesJson()},
                                    {"sources", tally_.sourcesJson()}};
+    if (stream_) {
+        json["datagrams"] = json["datagramsRead"] = nullptr;
+        json["sent"] = sent_;
+        json["own"] = own_;
+        json["unsaved"] = unsaved_;
+        return jsonLine(json);
+    }
     if (const auto drops = kernelDrops(socket_->readFd())) json["kernelDrops"] = *drops;
     return jsonLine(json);
 }
@@ -511,7 +624,8 @@ void Receiver::printTotals() {
         }
         out_.line(out_.styled(1, totalsText()));
         out_.line(oddTotalsText());
-        if (!options_.noHeaderTest && (counts_.mixed.value_or(0) != 0 || tally_.rests().pdus != 0)) {
+        if (!options_.noHeaderTest && !stream_ &&
+            (counts_.mixed.value_or(0) != 0 || tally_.rests().pdus != 0)) {
             out_.line(
                 fmt::format("hint: {} splits datagrams by the length fields alone, also where versions or "
                             "exercises are mixed",
@@ -542,6 +656,15 @@ void RecvCommand::addOptions(CLI::App& app) {
     options_.interface.declare(app, "Interface to join groups on");
     options_.filters.declare(app);
     app.add_flag("--async", options_.async, "Let a thread of the library's do the receiving");
+    CLI::Option* tcp =
+        app.add_option("--tcp", options_.tcp,
+                       "Receive over a TCP connection to a relay (cvnet relay), instead of UDP")
+            ->type_name("HOST:PORT");
+    options_.format.declare(app, tcp);
+    app.add_option("--send", options_.send,
+                   "Meanwhile send this capture over the connection, and leave out what comes back of it")
+        ->type_name("FILE")
+        ->needs(tcp);
     app.add_flag(kHeaderTestOption, options_.noHeaderTest,
                  "Split bundles by the length fields alone, also where versions or exercises are mixed");
     app.add_flag("--summary", options_.summary, "Show a table by type, exercise and source, no line per PDU");
@@ -552,18 +675,23 @@ void RecvCommand::addOptions(CLI::App& app) {
         ->type_name("BYTES");
     app.add_option("--idle", options_.idleSeconds, "Stop when no datagram has come for S seconds")
         ->type_name("S");
+    for (const char* udpOnly :
+         {"--port", "--group", "--bind", "--interface", "--from", "--async", kHeaderTestOption, "--rcvbuf"})
+        tcp->excludes(app.get_option(udpOnly));
     options_.limits.declare(app, "packets");
     options_.report.declare(app);
     app.footer(
         "Examples:\n"
         "  cvnet recv --port 3000 --exercise 1,2 --type '!Data'\n"
         "  cvnet recv --group 239.1.2.3 --interface eth0 --summary\n"
+        "  cvnet recv --tcp relay.example:3000 --summary\n"
         "  cvnet recv --json --seconds 10 --write seen.pcap");
 }
 
 int RecvCommand::run() {
     checkRange("--seconds", options_.limits.seconds, 0.0, kMaxSeconds);
     checkRange("--idle", options_.idleSeconds, 0.0, kMaxSeconds);
+    options_.format.check();
     Output out;
     Receiver receiver(options_, out);
     receiver.announce();

@@ -27,6 +27,8 @@
 #include "output.h"
 #include "sending_socket.h"
 #include "stop_signal.h"
+#include "stream_format.h"
+#include "stream_socket.h"
 #include "synthetic_source.h"
 #include "tally.h"
 #include "text.h"
@@ -45,6 +47,8 @@ constexpr double kMaxSeconds = 1e9;
 // Half of what IEEE 1278.1 allows closely coupled simulations for the whole way (100 ms).
 constexpr double kDefaultFlushMs = 50.0;
 constexpr double kRetryPeriodSeconds = 0.001;
+// For a peer that has taken everything and does not close.
+constexpr auto kLastWait = std::chrono::seconds(5);
 constexpr auto kProgressPeriod = std::chrono::milliseconds(500);
 
 struct SendOptions {
@@ -58,6 +62,8 @@ struct SendOptions {
     std::string to;
     std::vector<std::string> sites;
     bool async = false;
+    std::optional<std::string> tcp;  // HOST:PORT
+    StreamFormat format;             // with --tcp
     PortOption port;
     int bundleBytes = 0;
     double flushMs = kDefaultFlushMs;
@@ -73,6 +79,8 @@ struct Transport {
     std::unique_ptr<NwSocket> socket;
     DatagramCounts* counts = nullptr;  // of that socket
     QueueingSocket* queue = nullptr;   // that socket, with --async
+    SendingStream* stream = nullptr;   // that socket, with --tcp
+    unsigned port = 0;
     std::vector<NwIpv4Addr> destinations;
 };
 
@@ -92,6 +100,7 @@ void checkOptions(const SendOptions& options) {
     if (options.rate != 0.0) checkRange("--rate", options.rate, kLeastRate, kMaxRate);
     checkRange("--flush-ms", options.flushMs, 0.0, kMaxFlushMs);
     checkRange("--seconds", options.limits.seconds, 0.0, kMaxSeconds);
+    options.format.check();
 }
 
 // Without --to the destination is the broadcast address of the interface, or of the default one (0).
@@ -164,7 +173,19 @@ Transport openSites(const SendOptions& options, NwIpv4Addr device) {
     return transportOf(std::move(group), std::move(sites));
 }
 
+Transport openStream(const SendOptions& options) {
+    const Endpoint peer = endpointFromText(*options.tcp, "--tcp");
+    auto stream = std::make_unique<SendingStream>(peer, options.format);
+    SendingStream* const theStream = stream.get();
+    Transport transport = transportOf(std::move(stream), {peer.addrHostOrder});
+    transport.stream = theStream;
+    transport.port = peer.port;
+    transport.socket->setBundling(options.bundleBytes);
+    return transport;
+}
+
 Transport openSocket(const SendOptions& options) {
+    if (options.tcp) return openStream(options);
     const NwIpv4Addr device = options.interface.address();
     const NwIpv4Addr to = options.sites.empty() ? destinationOf(options, device) : sitesOf(options).front();
     if (options.ttl >= 0 && !NwIsMulticastAddr(to)) {
@@ -192,6 +213,7 @@ Transport openSocket(const SendOptions& options) {
         transport = transportOf(openUdp<CountingSocket<NwNetSocket>>(options, to, device), {destination});
     }
     transport.socket->setBundling(options.bundleBytes);
+    transport.port = static_cast<unsigned>(options.port.port);
     return transport;
 }
 
@@ -206,7 +228,7 @@ public:
     void printTotals();
     /// When a failure follows: a table of nothing would only hide it.
     void printTotalsIfAny() {
-        if (transport_.counts->datagrams() != 0) printTotals();
+        if (transport_.counts->tally().total().pdus != 0) printTotals();
     }
 
 private:
@@ -215,6 +237,10 @@ private:
     bool waitUntil(Clock::time_point due);
     Clock::time_point nextEvent(Clock::time_point due) const;
     Clock::time_point dueOf(std::uint64_t index) const;
+    Clock::duration flushPeriod() const {
+        const auto period = std::chrono::duration<double, std::milli>(options_.flushMs);
+        return std::chrono::duration_cast<Clock::duration>(period);
+    }
     Clock::time_point after(double seconds) const {
         return start_ + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
     }
@@ -222,9 +248,14 @@ private:
         return StopSignal::raised() || out_.closed() ||
                (options_.limits.seconds > 0.0 && now >= after(options_.limits.seconds));
     }
+    void wait(Clock::time_point until);
     void send(const Packet& packet);
+    void sendOnStream(const Packet& packet);
+    bool emptyStreamQueue(bool isLast);
     void flush();
     void finishQueue();
+    void finishStream();
+    std::vector<std::string> notes() const;
     [[noreturn]] void failToSend();
     void showProgress(Clock::time_point now);
     std::string destinationText() const;
@@ -238,15 +269,16 @@ private:
     Clock::time_point start_ = Clock::now();
     Clock::time_point end_ = start_;
     std::optional<Clock::time_point> flushDue_;  // set while a bundle holds packets
+    std::uint64_t leftOut_ = 0;                  // packets that would break the stream
+    bool isCut_ = false;                         // stopped before the peer had taken everything
     Clock::time_point progressDue_ = start_ + kProgressPeriod;
 };
 
 std::string Sender::destinationText() const {
-    const auto port = static_cast<unsigned>(options_.port.port);
     std::string text;
     for (NwIpv4Addr address : transport_.destinations) {
         if (!text.empty()) text += ", ";
-        text += endpointText(address, port);
+        text += endpointText(address, transport_.port);
     }
     return text;
 }
@@ -257,19 +289,22 @@ void Sender::announce() {
         nlohmann::ordered_json json = {{"event", "sending"},
                                        {"what", source_->description()},
                                        {"to", addressText(transport_.destinations.front())},
-                                       {"port", options_.port.port},
+                                       {"port", transport_.port},
                                        {"bundle", bundleBytes}};
         if (!options_.sites.empty()) {
             json["sites"] = nlohmann::ordered_json::array();
             for (NwIpv4Addr site : transport_.destinations) json["sites"].push_back(addressText(site));
         }
+        if (transport_.stream) json["transport"] = "tcp";
         out_.line(jsonLine(json));
     } else if (!options_.report.quiet) {
-        const std::string bundles = bundleBytes == 0
-                                        ? "one PDU a datagram"
-                                        : fmt::format("bundles of up to {} bytes, flushed after {} ms",
-                                                      bundleBytes, options_.flushMs);
-        out_.line(fmt::format("sending {} to {}, {}", source_->description(), destinationText(), bundles));
+        const std::string how = bundleBytes != 0
+                                    ? fmt::format(", bundles of up to {} bytes, flushed after {} ms",
+                                                  bundleBytes, options_.flushMs)
+                                : transport_.stream ? ""
+                                                    : ", one PDU a datagram";
+        out_.line(fmt::format("sending {} to {}{}{}", source_->description(), destinationText(),
+                              transport_.stream ? " over TCP" : "", how));
     }
     out_.flush();
 }
@@ -283,6 +318,7 @@ void Sender::sendAll() {
     }
     flush();
     finishQueue();
+    finishStream();
 }
 
 // With --async only now, when the queue is empty, is it known whether the network took everything.
@@ -308,9 +344,19 @@ bool Sender::waitUntil(Clock::time_point due) {
         if (flushDue_ && now >= *flushDue_) flush();
         if (now >= progressDue_) showProgress(now);
         if (now >= due) return true;
-        StopSignal::wait(-1, nextEvent(due));
-        out_.lookForReader();
+        wait(nextEvent(due));
     }
+}
+
+void Sender::wait(Clock::time_point until) {
+    if (transport_.stream) {
+        transport_.stream->waitAndFlush(until);
+        transport_.stream->discardIncoming();
+        transport_.stream->checkIsOk();
+    } else {
+        StopSignal::wait(-1, until);
+    }
+    out_.lookForReader();
 }
 
 Clock::time_point Sender::nextEvent(Clock::time_point due) const {
@@ -321,7 +367,42 @@ Clock::time_point Sender::nextEvent(Clock::time_point due) const {
     return next;
 }
 
+// Nothing but whole packets with a right length may go in there, and no more than the peer takes.
+void Sender::sendOnStream(const Packet& packet) {
+    SendingStream& stream = *transport_.stream;
+    if (!options_.format.holds(packet.bytes, packet.lengthBytes)) {
+        ++leftOut_;
+        return;
+    }
+    if (!emptyStreamQueue(false)) return;
+    stream.NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR);
+    stream.discardIncoming();
+    stream.checkIsOk();
+    if (options_.bundleBytes != 0 && !flushDue_) flushDue_ = Clock::now() + flushPeriod();
+}
+
+// Waits until the kernel has taken everything; false when the run is over before that. At last only a signal
+// ends it.
+bool Sender::emptyStreamQueue(bool isLast) {
+    while (transport_.stream->hasQueue()) {
+        const Clock::time_point now = Clock::now();
+        if (isLast ? StopSignal::raised() || out_.closed() : isOver(now)) return false;
+        if (now >= progressDue_) showProgress(now);
+        wait(isLast ? now + kProgressPeriod : nextEvent(now + kProgressPeriod));
+    }
+    return true;
+}
+
+void Sender::finishStream() {
+    if (!transport_.stream) return;
+    const std::string reason = emptyStreamQueue(true) ? transport_.stream->finish(kLastWait) : "stopped";
+    isCut_ = !reason.empty() && StopSignal::raised() && transport_.stream->isOk();
+    if (!reason.empty() && !isCut_)
+        throw Failure(fmt::format("{} has not taken everything: {}", destinationText(), reason));
+}
+
 void Sender::send(const Packet& packet) {
+    if (transport_.stream) return sendOnStream(packet);
     if (packet.alone) flush();
     const std::uint64_t datagramsBefore = transport_.counts->datagrams();
     if (transport_.socket->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR) < 0) failToSend();
@@ -332,13 +413,16 @@ void Sender::send(const Packet& packet) {
     if (!waits) {
         flushDue_.reset();
     } else if (!flushDue_ || transport_.counts->datagrams() != datagramsBefore) {
-        const auto period = std::chrono::duration<double, std::milli>(options_.flushMs);
-        flushDue_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(period);
+        flushDue_ = Clock::now() + flushPeriod();
     }
 }
 
 void Sender::flush() {
-    if (transport_.socket->flush() < 0) failToSend();
+    const int result = transport_.socket->flush();
+    if (transport_.stream)
+        transport_.stream->checkIsOk();  // what had no room waits in the queue
+    else if (result < 0)
+        failToSend();
     flushDue_.reset();
 }
 
@@ -355,6 +439,11 @@ void Sender::showProgress(Clock::time_point now) {
 
 std::string Sender::summaryText() const {
     const Tally& tally = transport_.counts->tally();
+    if (transport_.stream) {
+        return fmt::format("sent {} over TCP, {} in {:.1f} s; {} came in", tally.packetsText(),
+                           counted(tally.total().bytes, "byte"), Seconds(end_ - start_).count(),
+                           counted(transport_.stream->discarded(), "packet"));
+    }
     const std::uint64_t datagrams = transport_.counts->datagrams();
     const double factor =
         datagrams == 0 ? 0.0 : static_cast<double>(tally.total().pdus) / static_cast<double>(datagrams);
@@ -375,11 +464,29 @@ std::string Sender::totalsJson() const {
                                    {"bundlingFactor", nullptr},
                                    {"seconds", Seconds(end_ - start_).count()},
                                    {"types", tally.typesJson()},
-                                   {"notes", source_->notes()}};
+                                   {"notes", notes()}};
+    if (transport_.stream) {
+        json["datagrams"] = nullptr;
+        json["received"] = transport_.stream->discarded();
+        json["leftOut"] = leftOut_;
+        json["complete"] = !isCut_;
+    }
     if (datagrams != 0) {
         json["bundlingFactor"] = static_cast<double>(tally.total().pdus) / static_cast<double>(datagrams);
     }
     return jsonLine(json);
+}
+
+std::vector<std::string> Sender::notes() const {
+    std::vector<std::string> notes = source_->notes();
+    if (leftOut_ != 0) {
+        notes.push_back(
+            fmt::format("left out {} whose length field does not hold their length, which would break "
+                        "the stream",
+                        counted(leftOut_, "packet")));
+    }
+    if (isCut_) notes.emplace_back("stopped before the peer had taken everything");
+    return notes;
 }
 
 void Sender::printTotals() {
@@ -391,7 +498,7 @@ void Sender::printTotals() {
         std::string table = transport_.counts->tally().typeTable(Seconds(end_ - start_).count());
         table.pop_back();  // its last end of line
         out_.line(table);
-        for (const std::string& note : source_->notes()) out_.line("note: " + note);
+        for (const std::string& note : notes()) out_.line("note: " + note);
         out_.line(out_.styled(1, summaryText()));
     }
     out_.flush();
@@ -453,6 +560,10 @@ void SendCommand::addOptions(CLI::App& app) {
             ->type_name("ADDRESS,...")
             ->excludes(to);
     app.add_flag("--async", options_.async, "Let a thread of the library's do the sending")->excludes(sites);
+    CLI::Option* tcp = app.add_option("--tcp", options_.tcp,
+                                      "Send over a TCP connection to a relay (cvnet relay), instead of UDP")
+                           ->type_name("HOST:PORT");
+    options_.format.declare(app, tcp);
     options_.port.declareDestination(app);
     CLI::Option* bundle =
         app.add_option("--bundle", options_.bundleBytes,
@@ -472,11 +583,14 @@ void SendCommand::addOptions(CLI::App& app) {
                    "Never wait for the send buffer: repeat a refused send up to N times, 1 ms apart")
         ->check(range(0, 1000000))
         ->type_name("N");
+    for (const char* udpOnly : {"--to", "--sites", "--async", "--port", "--ttl", "--interface", "--retry"})
+        tcp->excludes(app.get_option(udpOnly));
     options_.limits.declare(app, "PDUs");
     options_.report.declare(app);
     app.footer(
         "Examples:\n"
         "  cvnet send --pcap exercise.pcap --to 127.0.0.1 --bundle 1400\n"
+        "  cvnet send --pcap exercise.pcap --tcp relay.example:3000\n"
         "  cvnet send --pcap exercise.pcap --sites 10.1.0.5,10.2.0.5 --bundle 1400\n"
         "  cvnet send --synthetic 20 --rate 200 --to 239.1.2.3 --interface eth0 --ttl 4");
 }

@@ -30,6 +30,8 @@ protected:
         if (walk.rest().lengthBytes() != 0) tally_.add(walk.rest(), datagrams_);
         return result;
     }
+    /// One that went into a stream.
+    void countInStream(const PduView& packet) { tally_.add(packet, Tally::kNoDatagram); }
 
 private:
     std::uint64_t datagrams_ = 0;

@@ -26,8 +26,9 @@ std::string headings() {
 
 std::string row(const char* by, const std::string& what, const Count& count, double seconds) {
     constexpr double bytesPerKilobyte = 1000.0;
-    return fmt::format(kRow, by, what, count.pdus, count.datagrams, count.bytes,
-                       rateText(static_cast<double>(count.pdus), seconds),
+    const bool isStream = count.pdus != 0 && count.datagrams == 0;
+    return fmt::format(kRow, by, what, count.pdus, isStream ? "-" : std::to_string(count.datagrams),
+                       count.bytes, rateText(static_cast<double>(count.pdus), seconds),
                        rateText(static_cast<double>(count.bytes) / bytesPerKilobyte, seconds));
 }
 
@@ -37,7 +38,10 @@ std::string optionalRow(const char* by, const std::string& what, const Count& co
 
 void putCounts(nlohmann::ordered_json& json, const Count& count) {
     json["pdus"] = count.pdus;
-    json["datagrams"] = count.datagrams;
+    if (count.pdus != 0 && count.datagrams == 0)
+        json["datagrams"] = nullptr;
+    else
+        json["datagrams"] = count.datagrams;
     json["bytes"] = count.bytes;
 }
 

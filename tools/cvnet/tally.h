@@ -41,6 +41,9 @@ public:
 
     using Endpoint = std::pair<NwIpv4Addr, unsigned>;
 
+    /// The number for packets of a stream: no datagrams are counted, and tables show none.
+    static constexpr std::uint64_t kNoDatagram = 0;
+
     /// Counts a packet that lay in the datagram of that number (1, 2, ...; never decreasing).
     void add(const PduView& packet, std::uint64_t datagramNumber);
     void add(const PduView& packet, std::uint64_t datagramNumber, const Endpoint& source);
