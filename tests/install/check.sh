@@ -154,6 +154,23 @@ consumer_by_pkg_config() {
 }
 
 # The installed tool starts as it lies there.
+# The relay's unit: what the system's own tools say of it, with the path of this cvnet (verify wants one that exists).
+service_is_sound() {
+    local unit=$moved/lib/systemd/system/cvnet-relay@.service
+    [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
+    [ -f "$unit" ] || fail "no $unit"
+    command -v systemd-analyze >/dev/null || skip "systemd-analyze is not installed"
+    scratch service
+    grep -q '^ExecStart=cvnet relay ' "$unit" || fail "the unit starts something else"
+    sed "s|^ExecStart=cvnet |ExecStart=$moved/bin/cvnet |" "$unit" >"$work/cvnet-relay@.service"
+    cp "$work/cvnet-relay@.service" "$work/cvnet-relay@3000.service"
+    systemd-analyze verify "$work/cvnet-relay@3000.service" >"$work/said" 2>&1 || fail "$(cat "$work/said")"
+    [ ! -s "$work/said" ] || fail "$(cat "$work/said")"
+    # 0 is the best exposure, 100 (10.0) the worst.
+    systemd-analyze security --offline=true --threshold=15 "$work/cvnet-relay@.service" >"$work/said" 2>&1 ||
+        fail "$(tail -n 1 "$work/said")"
+}
+
 tool_starts() {
     [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
     local tree
