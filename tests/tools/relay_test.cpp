@@ -11,6 +11,7 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
+#include <numeric>
 #include <sstream>
 
 #include "cvnet_process.h"
@@ -478,6 +479,31 @@ TEST(Relay, twoHundredClientsLoseNothingWhileOneStallsAndOneSendsGarbage) {
         if (line.find("out 1000 packets, 200000 bytes; dropped 0; unsent 0") != std::string::npos) ++lossless;
     }
     EXPECT_EQ(lossless, 197);
+}
+
+TEST(Relay, busyClientsAreServedInTurn) {
+    Relay relay({"--queue", "1000"});
+    TcpPeer reader = relay.join(1);
+    std::vector<TcpPeer> busy;
+    std::vector<std::string> unsent;
+    const int clients = 10;
+    for (int i = 0; i < clients; ++i) busy.push_back(relay.join(i + 2));
+    // Each always has more to send than the relay has taken; none of them reads.
+    std::vector<int> seen(clients, 0);
+    std::string rest;
+    unsent.resize(clients);
+    EXPECT_TRUE(eventually([&] {
+        for (int i = 0; i < clients; ++i) {
+            std::string& bytes = unsent[static_cast<std::size_t>(i)];
+            while (bytes.size() < 1000000) bytes += pdu(1000, i, 7, i);
+            bytes.erase(0, busy[static_cast<std::size_t>(i)].sendSome(bytes));
+        }
+        const Walk packets = walk(rest + reader.receiveSome());
+        rest = packets.rest;
+        for (const std::string& packet : packets.pdus) ++seen[static_cast<std::size_t>(packet[1])];
+        return std::accumulate(seen.begin(), seen.end(), 0) >= 5000;
+    }));
+    EXPECT_THAT(seen, testing::Each(testing::Ge(50))) << "a fair share is 500";
 }
 
 TEST(Relay, losesNothingInBundles) {
