@@ -31,10 +31,14 @@ NwFilename NwFilename::combine(const NwFilename& dir, const NwFilename& name) {
 
 std::ostream& NwFilename::insertInto(std::ostream& stream) const {
     std::string shown;
+    unsigned char before = 0;
     for (const char* c = c_str(); *c; ++c) {
         const unsigned char byte = static_cast<unsigned char>(*c);
+        // The controls above 0x7F: a byte by itself, or behind 0xC2 in UTF-8.
+        const bool isUpper = byte >= 0x80 && byte < 0xA0 && (before < 0x80 || before == 0xC2);
+        before = byte;
         char escape[sizeof "\\xNN"];
-        if (byte >= 0x20 && byte != 0x7F) {
+        if (byte >= 0x20 && byte != 0x7F && !isUpper) {
             shown += *c;
         } else {
             std::snprintf(escape, sizeof escape, "\\x%02X", byte);
@@ -46,15 +50,19 @@ std::ostream& NwFilename::insertInto(std::ostream& stream) const {
 
 bool NwMakeDirectory(const NwFilename& directory) {
     const std::string path = directory.c_str();
+    int error = 0;
     for (std::string::size_type end = path.find_first_not_of('/'); end < path.size();) {
         end = path.find('/', end);
         if (end == std::string::npos) end = path.size();
         // What exists already, or cannot be made and is not needed, shows when the last one is looked at.
-        ::mkdir(path.substr(0, end).c_str(), 0777);
+        error = ::mkdir(path.substr(0, end).c_str(), 0777) == 0 ? 0 : errno;
         end = path.find_first_not_of('/', end);
     }
     struct stat status;
-    if (::stat(path.c_str(), &status) != 0) return false;
+    if (::stat(path.c_str(), &status) != 0) {
+        if (error && error != EEXIST) errno = error;
+        return false;
+    }
     if (S_ISDIR(status.st_mode)) return true;
     errno = ENOTDIR;
     return false;

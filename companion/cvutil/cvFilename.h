@@ -33,7 +33,8 @@ public:
     // What stands behind the last '/': all of it without one, nothing if it ends with one.
     NwFilename stripPath() const;
 
-    // `name` in the directory `dir`, with one '/' between; `name` alone if `dir` is empty.
+    // `name` in the directory `dir`, with a '/' between unless `dir` ends with one; `name` alone if `dir` is
+    // empty.
     static NwFilename combine(const NwFilename& dir, const NwFilename& name);
 
     // Inserts the name, as << does. Control characters come out as \xNN: a name from elsewhere cannot steer a

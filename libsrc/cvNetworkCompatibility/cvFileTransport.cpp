@@ -51,6 +51,7 @@ const int kLaterHeader = 8;
 const int kMaxPort = 65535;                 // a socket address would take a larger number modulo 65536
 const int kPollMilliseconds = 100;          // how often a stall is looked for
 const std::size_t kGrowingBytes = 1 << 20;  // see keep()
+const std::size_t kMostTransfers = 1000;    // that one connection may have open
 
 // Added to each identifier, so that transfers of one second differ.
 std::atomic<unsigned int> gNumFiles(0);
@@ -118,6 +119,19 @@ private:
     const int myFd;
 };
 
+// False when another process that bound the port at the same moment was quicker to listen.
+bool isListening(int fd) {
+    int on = 0;
+    socklen_t size = sizeof on;
+    return ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &on, &size) == 0 && on;
+}
+
+// Whether the peer has closed and nothing waits to be read.
+bool isClosedByPeer(int fd) {
+    char byte;
+    return ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
 int openDirectory(const NwFilename& directory) {
     const char* path = directory.length() ? directory.c_str() : ".";
     return ::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -126,7 +140,7 @@ int openDirectory(const NwFilename& directory) {
 // Opens a regular file for writing from its start, made if need be. -1 for anything else of that name;
 // nothing that is there is followed, waited for or changed then.
 int createFile(int directory, const char* name) {
-    if (*name == '/') return -1;  // would be opened outside the directory
+    if (std::strchr(name, '/')) return -1;  // would be opened outside the directory
     const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const int fd = ::openat(directory, name, flags, 0666);
     if (fd < 0) return -1;
@@ -134,6 +148,14 @@ int createFile(int directory, const char* name) {
     if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && ::ftruncate(fd, 0) == 0) return fd;
     ::close(fd);
     return -1;
+}
+
+// Removes a file that was written in part, unless something else has its name by now.
+void removePartial(int directory, const char* name, int fd) {
+    struct stat written, named;
+    if (::fstat(fd, &written) == 0 && ::fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+        written.st_dev == named.st_dev && written.st_ino == named.st_ino)
+        ::unlinkat(directory, name, 0);
 }
 
 bool writeAll(int fd, const char* data, std::size_t size) {
@@ -228,7 +250,7 @@ void NwFileTransporter::search(bool searchPorts, int portRange) {
     for (long port = NwMax(firstPort, 0L); port < end; ++port) {
         mySocketMgr.reset(new NwTcpSocketMgr(static_cast<int>(port)));
         assert(mySocketMgr);
-        if (mySocketMgr->isOk() && !mySocketMgr->addrInUse()) {
+        if (mySocketMgr->isOk() && !mySocketMgr->addrInUse() && isListening(mySocketMgr->readFd())) {
             sockaddr_in bound = sockaddr_in();
             socklen_t size = sizeof bound;
             ::getsockname(mySocketMgr->readFd(), reinterpret_cast<sockaddr*>(&bound), &size);
@@ -259,6 +281,7 @@ struct NwFileTransporter::Reception {
         : owner(newOwner),
           socket(newSocket),
           message(static_cast<std::size_t>(NwMax(NwMaxPacketSize(), 0))),
+          kept(0),
           outer(newOwner.receptions) {
         owner.receptions = this;
     }
@@ -275,6 +298,7 @@ struct NwFileTransporter::Reception {
     NwTcpSocket& socket;
     std::vector<char> message;
     std::set<int> ids;
+    std::int64_t kept;  // bytes of files that have come
     Reception* outer;
 };
 
@@ -301,10 +325,24 @@ void NwFileTransporter::receiveFileCb(NwTcpSocket* sock, void* transporter) {
     static_cast<NwFileTransporter*>(transporter)->receiveFile(sock);
 }
 
+// Connections that have ended go before the next one is received from: of many that wait to be accepted, only
+// those that are in use hold a descriptor.
+void NwFileTransporter::removeEnded() {
+    NwList& sockets = *mySocketMgr->socketList();
+    NwListPosition next(sockets, sockets.first());
+    while (NwListItem* item = next.item()) {
+        next.advance();
+        NwTcpSocket* sock = static_cast<NwTcpSocket*>(item->data());
+        if (!isReceiving(sock) && (!sock->isOk() || isClosedByPeer(sock->readFd())))
+            mySocketMgr->removeAndDelete(sock);
+    }
+}
+
 void NwFileTransporter::receiveFile(NwTcpSocket* sock) try {
     sock->setSizeLength(4);
     sock->setMaxForwarderQueue(1);  // connection tests to a peer that never reads do not pile up
     Reception reception(*this, *sock);
+    if (mySocketMgr) removeEnded();
     receive(reception);
 } catch (const std::bad_alloc&) {  // not even a message fits
     sock->shutDown();
@@ -315,38 +353,52 @@ void NwFileTransporter::receive(Reception& reception) {
     NwTcpSocket& socket = reception.socket;
     StallWatch stall(nwSetting(theReceiveStallLimit));
     while (socket.isOk()) {
+        const std::int64_t keptBefore = reception.kept;
         const int length = socket.NwRecv(reception.message.data(), reception.message.size());
         if (length > 0) {
             if (NwDebug.okToPrint())
                 NwDebug("FileTransporter: Received %d bytes in file transporter\n", length);
             if (const char* problem = take(reception, length)) return drop(reception, problem);
             if (reception.ids.empty()) return;
-            if (length > kLaterHeader) stall.progress();  // an empty message is none
-        } else if (stall.isOver()) {
-            return drop(reception, kNoProgress);
-        } else if (socket.isOk()) {
-            waitFor(socket.readFd(), POLLIN);
         }
+        if (reception.kept > keptBefore)
+            stall.progress();  // messages without data are none
+        else if (stall.isOver())
+            return drop(reception, kNoProgress);
+        else if (length <= 0 && socket.isOk())
+            waitFor(socket.readFd(), POLLIN);
     }
     drop(reception, kSocketError);
 }
 
-// Takes in the message of `length` bytes that the reception holds. Returns null or what is wrong.
-const char* NwFileTransporter::take(Reception& reception, int length) try {
+// Takes in the message of `length` bytes that the reception holds, and ends its transfer if that is the last.
+// Returns null or what is wrong.
+const char* NwFileTransporter::take(Reception& reception, int length) {
     const char* message = reception.message.data();
     if (length < kLaterHeader || static_cast<std::size_t>(length) > reception.message.size())
         return kMalformed;
     const int id = static_cast<int>(fieldAt(message, kIdentifierField));
-    if (reception.isOthers(id)) return kMalformed;
-    reception.ids.insert(id);
-    NwFileTransportObject& obj = transportObject(id);
-    const int start = obj.headerSeen ? kLaterHeader : readHeader(obj, message, length);
-    if (!start || length - start > obj.dataSize - obj.bytesReceived) return kMalformed;
-    keep(obj, message + start, length - start);
-    if (obj.bytesReceived != obj.dataSize) return nullptr;
-    finishFile(obj);
+    NwFileTransportObject* obj = nullptr;
+    if (const char* problem = store(reception, id, length, obj)) return problem;
+    if (obj->bytesReceived != obj->dataSize) return nullptr;
+    finishFile(*obj);
     transfers.erase(id);  // also when a derived finishFile leaves it to us
     reception.ids.erase(id);
+    return nullptr;
+}
+
+// Keeps what the message brings for its transfer, which becomes *obj. Returns null or what is wrong.
+const char* NwFileTransporter::store(Reception& reception, int id, int length,
+                                     NwFileTransportObject*& obj) try {
+    if (reception.isOthers(id)) return kMalformed;
+    if (!reception.carries(id) && reception.ids.size() >= kMostTransfers) return kMalformed;
+    reception.ids.insert(id);
+    obj = &transportObject(id);
+    const char* message = reception.message.data();
+    const int start = obj->headerSeen ? kLaterHeader : readHeader(*obj, message, length);
+    if (!start || length - start > obj->dataSize - obj->bytesReceived) return kMalformed;
+    keep(*obj, message + start, length - start);
+    reception.kept += length - start;
     return nullptr;
 } catch (const std::bad_alloc&) {
     return kNoMemory;
@@ -369,14 +421,17 @@ NwFileTransportObject& NwFileTransporter::transportObject(int id) {
 
 void NwFileTransporter::finishFile(NwFileTransportObject& obj) {
     const int id = obj.identifier;
+    const char* name = obj.fileName.c_str();
     const NwFilename path = NwFilename::combine(targetDirectory(), obj.fileName);
     const Descriptor directory(openDirectory(targetDirectory()));
-    const Descriptor file(createFile(directory.get(), obj.fileName.c_str()));  // open until the end: meant
+    // Open until the end: meant. Without all data nothing is touched.
+    const Descriptor file(isWhole(obj) ? createFile(directory.get(), name) : -1);
     if (file.get() < 0) {
-        warnFile("NwFileTransporter: cant create file", path);
-    } else if (!isWhole(obj) ||
-               !writeAll(file.get(), obj.data.data(), static_cast<std::size_t>(obj.dataSize))) {
-        ::unlinkat(directory.get(), obj.fileName.c_str(), 0);
+        warnFile(
+            isWhole(obj) ? "NwFileTransporter: cant create file" : "NwFileTransporter: Error writing file",
+            path);
+    } else if (!writeAll(file.get(), obj.data.data(), static_cast<std::size_t>(obj.dataSize))) {
+        removePartial(directory.get(), name, file.get());
         warnFile("NwFileTransporter: Error writing file", path);
     } else {
         callBack(path);

@@ -36,13 +36,20 @@ class NwFileTransportObject;
 //
 // Both directions hold the caller: sendFile until the kernel has taken the file, tick until a file that has
 // begun to arrive, or a connection that was just made, has come to its end. See the two limits below for
-// peers that stall. The whole file is in memory meanwhile, once; files have at most INT_MAX bytes.
+// peers that stall (connecting takes what the system allows, outside of them). A transporter that sends to
+// itself, or two that send to each other at once, wait for each other. The whole file is in memory meanwhile,
+// once; files have at most INT_MAX bytes to be sent, and 4294967295 to be received.
+//
+// "Whole or not at all" is what callbacks see. The file is written in place: other processes may see it grow,
+// a hard link of that name is written through, and after a failed write the former file is gone as well.
 //
 // What a peer may not do: a name that is not ended inside its message; an empty name, "." or ".." (of a name
 // with directories the last component counts); data beyond the announced size; a message longer than
-// NwMaxPacketSize() or too short for its fields; a transfer that another connection carries. Then
+// NwMaxPacketSize() (it is refused when it has come) or too short for its fields; a transfer that another
+// connection carries; more than 1000 open transfers. Then
 // "FileTransporter: malformed message-Exiting transfer" is printed, the connection is shut down, its
-// transfers are dropped, and nothing is written.
+// transfers are dropped, and nothing is written. The same with "FileTransporter: no memory-Exiting transfer"
+// when memory does not hold what comes.
 //
 // Warnings go to NwWarn, also while sockets are quiet; sizes of messages to NwDebug. One thread uses a
 // transporter. Callbacks may use it, but not destroy it. Not copyable. The order of the virtual operations is
@@ -57,8 +64,8 @@ public:
     // Makes the target directory, then listens on `port`; with searchPorts on the first that is free of
     // `port` to `port + portRange - 1` (a port that cannot be had for another reason than being taken is
     // reported by the manager). *portOut (which may be null) becomes the port. Port 0 lets the system choose.
-    // When there was none, port() and *portOut are -1 and tick does nothing; with a portRange of 0 or less,
-    // "Corvane(NwFileTransporter) Could not find a free port in range " and the range are printed.
+    // When there was none, port() and *portOut are -1 and tick does nothing; then with a portRange of 0 or
+    // less, "Corvane(NwFileTransporter) Could not find a free port in range " and the range are printed.
     NwFileTransporter(int port, bool searchPorts, int portRange, const NwFilename& targetDir, int* portOut);
     // Stops listening, closes every connection, and drops what has not arrived whole.
     virtual ~NwFileTransporter();
@@ -156,7 +163,9 @@ private:
     CVNC_LOCAL void search(bool searchPorts, int portRange);
     CVNC_LOCAL bool isReceiving(const NwTcpSocket* sock) const;
     CVNC_LOCAL void receive(Reception& reception);
+    CVNC_LOCAL void removeEnded();
     CVNC_LOCAL const char* take(Reception& reception, int length);
+    CVNC_LOCAL const char* store(Reception& reception, int id, int length, NwFileTransportObject*& obj);
     CVNC_LOCAL void drop(Reception& reception, const char* reason);
     CVNC_LOCAL void callBack(const NwFilename& path);
     CVNC_LOCAL bool load(Outgoing& out);

@@ -28,7 +28,8 @@ NwTcpForwarder::NwTcpForwarder(NwTcpSocketMgr* manager)
       serving(nullptr) {}
 
 NwTcpForwarder::~NwTcpForwarder() {
-    socketMgr_.reset();
+    delete socketMgr_.get();  // its removal callbacks may still ask for it: a reset() would show them null
+    (void)socketMgr_.release();
 }
 
 void NwTcpForwarder::sendToAll(char* buf, unsigned long len) {
@@ -68,7 +69,8 @@ void NwTcpForwarder::readAndForward(double totalTime, double perSocketTime) {
     if (!sockets->first()) return;
     if (!nextSocket.item()) nextSocket.set(sockets->first());
     NwListPosition position(*sockets, nextSocket.item());
-    bool isBehindTheEnd = false, isFull;
+    bool isBehindTheEnd = false;
+    bool isFull = false;
     do {
         const NwListPosition current(*sockets, position.item());
         position.advance();

@@ -28,8 +28,8 @@
 // A slow receiver delays nobody. What its connection does not take is queued there, up to the socket's
 // maxForwarderQueue(), and dropped beyond; without a cap it grows. Set the cap in an addition callback. A
 // connection that fails is removed, with its removal callbacks, in the round that finds it; callbacks may
-// remove any connection. A derived sendToAll may remove connections too, but not the one that its packet
-// came from: the packet lies in that socket.
+// remove any connection. A derived sendToAll may remove connections too, but neither remove the one that its
+// packet came from nor receive on it (a round inside of it would): the packet lies in that socket.
 //
 // Times are seconds on NwClock's real-time scale. One thread uses a forwarder. Not copyable. The order of the
 // virtual operations is part of the binary interface, and so is the order of the fields.

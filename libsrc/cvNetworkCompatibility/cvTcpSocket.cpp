@@ -21,9 +21,11 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include <cvutil/cvByteOrder.h>
 #include <cvutil/cvMath.h>
@@ -62,8 +64,8 @@ NwTcpMessage* messageAt(const NwListItem* item) {
 int portOf(int fd, int (*query)(int, sockaddr*, socklen_t*), int fallback) {
     sockaddr_in end = sockaddr_in();
     socklen_t size = sizeof end;
-    if (query(fd, reinterpret_cast<sockaddr*>(&end), &size) != 0) return fallback;
-    return ntohs(end.sin_port);
+    const bool isKnown = query(fd, reinterpret_cast<sockaddr*>(&end), &size) == 0;
+    return isKnown && end.sin_family == AF_INET ? ntohs(end.sin_port) : fallback;
 }
 
 int toInt(long bytes) {
@@ -77,7 +79,8 @@ int toInt(long bytes) {
 NwTcpMessage::NwTcpMessage(const char* buf, int newSize) : NwTcpMessage(buf, 0, newSize) {}
 
 NwTcpMessage::NwTcpMessage(const char* buf, int offset, int newSize)
-    : data(new (std::nothrow) char[static_cast<std::size_t>(NwMax(newSize, 0))]), size(data ? newSize : 0) {
+    : data(new (std::nothrow) char[static_cast<std::size_t>(NwMax(newSize, 0))]),
+      size(data ? NwMax(newSize, 0) : 0) {
     if (size > 0) std::memcpy(data.get(), buf + offset, static_cast<std::size_t>(size));
 }
 
@@ -291,7 +294,7 @@ bool NwTcpSocket::expandPktBuffer(unsigned int needed) {
     // Not initialised: an announced length costs no memory until its bytes arrive.
     std::unique_ptr<char[]> larger(new (std::nothrow) char[size]);
     if (!larger) return false;
-    if (bytesRead) std::memcpy(larger.get(), pktBuffer.get(), bytesRead);
+    if (bytesRead) std::memcpy(larger.get(), pktBuffer.get(), bytesRead);  // what else lies there is over
     pktBuffer = std::move(larger);
     pktBufferSize = static_cast<unsigned int>(size);
     return true;
@@ -312,6 +315,7 @@ int NwTcpSocket::sendTo(char* buf, unsigned long len, bool markBroken) {
     const int flushed = flush(sent);
     if (size == 0) return toInt(sent);
     if (flushed == 0) return sendLater(buf, size, sent, "");
+    // Behind a half-sent packet that the kernel refused for good, nothing may follow: the packet is dropped.
     if (headIsRemainder) return sendFailed ? toInt(sent) : sendLater(buf, size, sent, " EWOULDBLOCK");
     const long n = ::send(socketFd, buf, len, MSG_NOSIGNAL);
     if (n == size && !isTracing()) return toInt(sent + n);
@@ -443,7 +447,10 @@ void NwTcpSocket::keepRemainder(NwListItem* item, int sent) {
     message->size -= sent;
     std::memmove(message->data.get(), message->data.get() + sent, static_cast<std::size_t>(message->size));
     if (item != sendQueue.first()) {
-        if (!sendQueue.addToStart(message)) return loseRest(message->size);
+        if (!sendQueue.addToStart(message)) {
+            loseRest(message->size);
+            return;
+        }
         sendQueue.remove(item);
     }
     if (sent > 0) headIsRemainder = true;

@@ -13,8 +13,8 @@
 
 // A piece of the outgoing stream that waits for room in the kernel: a packet, the rest of one, or a bundle.
 struct CVNC_API NwTcpMessage {
-    // Copies buf[0 .. size), or buf[offset .. offset + size). When memory does not hold the copy, data is
-    // null and size 0.
+    // Copies buf[0 .. size), or buf[offset .. offset + size); a negative size counts as 0. When memory does
+    // not hold the copy, data is null and size 0.
     NwTcpMessage(const char* buf, int size);
     NwTcpMessage(const char* buf, int offset, int size);
     ~NwTcpMessage();
@@ -33,6 +33,8 @@ struct CVNC_API NwTcpMessage {
 //     while (int length = socket.NwRecv(&packet, nullptr)) use(packet, length);
 //     if (!socket.isOk()) ...                                // the connection has ended
 //
+// (A result of 0 is no promise that nothing waits: a connection test gives it too. Poll again.)
+//
 // The stream is packets laid end to end with nothing between them. Each has a length field, of setSizeLength
 // bytes (1, 2 or 4; 2 at the start) at byte setSizeOffset (0 at the start), that holds the length of the
 // whole packet, field included. Widths 2 and 4 are in network byte order unless NwSetNetworkByteOrdering(0)
@@ -49,6 +51,7 @@ struct CVNC_API NwTcpMessage {
 //     it. A cap of 0 tears as soon as the kernel takes part of a packet; with a cap, be ready to drop the
 //     connection. Bundles that a flush queues, and the rest of a piece that was queued already, are not
 //     subject to the cap.
+// Behind a half-sent packet whose rest the kernel refused for good, packets are dropped.
 // With bundling on (NwSocket::setBundling), packets leave only through flush: a bundle enters the queue
 // there, whatever its destination was, for a connection has one. Flush at least once a frame. NwSend then
 // gives -1, and the packet is neither kept nor sent, when its bundle is full and the flush could not send it;
@@ -58,21 +61,26 @@ struct CVNC_API NwTcpMessage {
 // error ("Network read error: ", "TCP Socket sendTo error: ", each with the system's words and an empty line
 // behind); a packet length that is below the field's end, above INT_MAX, 0x80 or more in a field of one byte,
 // or more than memory holds ("NwTcpSocket: bad packet length %u\n"); no memory for what has to be queued
-// ("NwTcpSocket: no memory to queue %d bytes\n"). Delete the socket then; what is queued goes with it.
+// ("NwTcpSocket: no memory to queue %d bytes\n") or, at construction, to receive ("NwTcpSocket: no memory for
+// packets of %d bytes\n"); shutDown(). Delete the socket then; what is queued goes with it.
 //
 // Messages go to NwWarn and, at construction, to NwInfo, and are not printed while sockets are quiet. With
-// NwNetDebugOn every send, flush and receive traces itself on NwInfo. Each constructor ignores SIGPIPE for
-// the process. The header filters of NwSocket do not apply: packets are not looked into. One thread uses a
-// socket at a time. Not copyable. The order of the virtual operations is part of the binary interface, and so
-// is the order of the fields.
+// NwNetDebugOn every send, flush and receive traces itself on NwInfo. A constructor that gets a
+// connection ignores SIGPIPE for the process. The header filters of NwSocket do not apply: packets are not
+// looked into. One thread uses a socket at a time. Not copyable. The order of the virtual operations is part
+// of the binary interface, and so is the order of the fields.
 class CVNC_API NwTcpSocket : public NwSocket {
 public:
     // A client: connects to addr (host byte order) and port, and prints what it does. nonBlockingConnect 0
     // waits for the outcome; else the connect goes on by itself, isOk() is true meanwhile, and
     // isConnectionEstablished() or a send tells later. (Addresses are unsigned: a literal 0 is ambiguous.)
+    // "TCP Socket connecting to %s.\n", then "Using TCP Socket with %d byte buffer (Client).\n", where the
+    // number is setPacketBufferSize's; or isOk() is false after "Failed to open socket: " or "TCP Socket
+    // connect failed: " with the system's words. A failed connect keeps its descriptor until the destructor.
     NwTcpSocket(unsigned int addr, int port, int nonBlockingConnect);
     // The server's side: takes over fd, a connected descriptor from accept(), and addr, the peer's address.
-    // port counts only when the system does not tell the peer's.
+    // port counts only when the system does not tell the peer's. "Using TCP Socket with %d byte buffer
+    // (Server).\n"
     NwTcpSocket(int fd, unsigned int addr, int port);
     // Drops what is queued, unsent, and closes the descriptor.
     ~NwTcpSocket() override;
@@ -93,7 +101,9 @@ public:
 
     // Moves bundles into the queue and sends the queue until it is empty (1), a piece was sent in part (0),
     // or the kernel has no room or refuses (-1). bytesSent becomes the bytes sent by this call. A connection
-    // test that the kernel refuses stays queued, silently, and those behind it are still tried: -1.
+    // test that the kernel refuses stays queued, silently, and those behind it are still tried: -1. Any other
+    // piece that it refuses for good stays queued too, and isOk() turns false. -1 also when memory did not
+    // hold a bundle: it stays a bundle.
     int flush(long& bytesSent) override;
     int flush() override;
 
@@ -117,9 +127,10 @@ public:
     int NwRecv(char* buf, unsigned long len) override;
 
     // The steps of a receive. recvWithStatus is what NwRecv(char**, int*) does. checkSize judges one result
-    // of recv(), with errno as recv() left it: 1 to go on, 0 with *pkt and *status cleared. expandPktBuffer
-    // makes the buffer larger than needed, in multiples of its size, keeping what has arrived: true when it
-    // grew, false when it need not or memory ended.
+    // of recv(), with errno as recv() left it: 1 to go on, 0 with *pkt and *status cleared and, for an end or
+    // an error, isOk() false. expandPktBuffer makes the buffer larger than needed, in multiples of its size,
+    // keeping what has arrived of the packet under way: true when it grew, false when it need not or memory
+    // ended.
     int recvWithStatus(char** pkt, int* status);
     int checkSize(int n, char** pkt, int* status);
     bool expandPktBuffer(unsigned int needed);
@@ -142,15 +153,19 @@ public:
     int NwBecomeNonBlocking() override;
     virtual int NwBecomeBlocking();
     // Whether a connection test goes out at once: a connect under way has then succeeded. False too while
-    // data wait in the queue. Changes isOk() in no way.
+    // data wait in the queue, and once more after a connect for the tests that were queued meanwhile. A
+    // refused test changes nothing; other queued data that the kernel refuses for good end the connection, as
+    // in flush().
     virtual bool isConnectionEstablished();
     // Sends a connection test and returns isOk(): a connection that the system knows to be broken is reported
     // as a send error and ends.
     virtual bool testConnectionStatus();
     // Sends a connection test: sizeOffset + sizeLength bytes of 'x' with that length in the field. Returns
-    // what sendTo returned. A deliberate oddity: fields of 2 and 4 bytes are written at byte offset times
-    // width, so with an offset other than 0 the peer reads a length of 'x' bytes or of its neighbours. Use
-    // connection tests with offset 0, or a width of 1, only.
+    // what sendTo returned; 0, and nothing is sent, for an offset that no packet can have, without memory, or
+    // for a width that is none ("NwTcpSocket::isConnectionEstablished: Invalid Size length!\n"). A deliberate
+    // oddity: fields of 2 and 4 bytes are written at byte offset times width, so with an offset other than 0
+    // the peer reads a length of 'x' bytes or of its neighbours. Use connection tests with offset 0, or a
+    // width of 1, only.
     int sendMinimumSizePkt(bool markBroken);
 
     // Ends the connection from this side, in both directions: isOk() is false from here on. The descriptor
@@ -158,7 +173,8 @@ public:
     void shutDown();
 
     // Sends small packets without delay (TCP_NODELAY; on at the start). Whatever `on` says, the type of
-    // service becomes low delay. Failures are reported, unless quiet, and change nothing else.
+    // service becomes low delay. Failures are reported, unless quiet, as "NwTcpSocket::setNoDelay\n" and
+    // "NwTcpSocket::set IPTOS_LOWDELAY\n" with the system's words, and change nothing else.
     virtual void setNoDelay(bool on);
     static void setNoDelay(int fd, bool on);
     // The ports of both ends. The local one is 0 on the server's side, -1 for a client that did not connect.

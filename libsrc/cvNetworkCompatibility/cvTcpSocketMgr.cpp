@@ -125,7 +125,7 @@ void NwTcpSocketMgr::listen(int port) {
     }
     setNoDelay(true);
     ok = 1;
-    ::listen(listenFd, 1024);
+    ::listen(listenFd, 1024);  // its result is ignored: meant
     NwNetSocket::makeNonBlocking(listenFd);
 }
 
@@ -245,13 +245,21 @@ void NwTcpSocketMgr::emptyCallbackLists() {
 void NwTcpSocketMgr::setNoDelay(bool on) {
     NwTcpSocket::setNoDelay(listenFd, true);  // meant: whatever `on` says
     noDelay = on;
-    for (NwListItem* item = socketList_.first(); item; item = item->next()) socketAt(item)->setNoDelay(on);
+    NwListPosition next(socketList_, socketList_.first());
+    while (const NwListItem* item = next.item()) {
+        next.advance();
+        socketAt(item)->setNoDelay(on);
+    }
 }
 
 void NwTcpSocketMgr::setPacketBundling(unsigned int size) {
     packetBundling = size;
-    for (NwListItem* item = socketList_.first(); item; item = item->next()) {
+    NwListPosition next(socketList_, socketList_.first());
+    while (NwListItem* item = next.item()) {
+        const NwListPosition current(socketList_, item);
+        next.advance();
         socketAt(item)->flush();
+        if (current.hasMoved()) continue;
         socketAt(item)->setBundling(static_cast<int>(size));  // unbundling stays as it is: meant
     }
 }

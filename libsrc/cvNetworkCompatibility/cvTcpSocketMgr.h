@@ -44,12 +44,13 @@ struct CVNC_API NwSocketCbInfo {
 // The order of the virtual operations is part of the binary interface, and so is the order of the fields.
 class CVNC_API NwTcpSocketMgr {
 public:
-    typedef void (*Callback)(NwTcpSocket* socket, void* userData);
+    typedef NwSocketCbInfo::Callback Callback;
     typedef NwSocket* (*SocketFactory)(void* userData, NwTcpSocketMgr* manager);
 
     // Listens on `port` of every local address. On failure isOk() is 0 and the manager is inert: with
     // addrInUse() 1 and no message when the port is taken, else with "NwSocketMgr Constructor:" and the
-    // system's words. Port 0 lets the system choose one; getsockname() on readFd() tells which.
+    // system's words. "Failed to open socket\n" (on NwWarn) and "Error setting SO_REUSEADDR\n" (on NwInfo)
+    // may come before. Port 0 lets the system choose one; getsockname() on readFd() tells which.
     explicit NwTcpSocketMgr(int port);
     // The same with a factory: factory(userData, this) makes the socket of each connection, from
     // currentSockFd() and currentClientAddr(). It returns a new NwTcpSocket, or one derived from it, that
@@ -65,10 +66,12 @@ public:
     // Accepts every pending connection: makes its socket, applies the settings below, appends it to the list
     // and calls the addition callbacks. Other errors of accept() than "nothing pending" print "TcpSocket
     // accept error: " with the system's words, and accept() is called again at once. This is meant, and
-    // without descriptors it goes on until there is one: keep connections below the limit.
+    // without descriptors it goes on until there is one: keep connections below the limit. Only a
+    // descriptor that can never accept ends the call. A connection for which there is no memory is closed:
+    // "NwTcpSocketMgr: no memory for a connection\n".
     virtual void processConnections();
 
-    // 1 while it listens; 0 when construction failed.
+    // 1 once the port is bound, until the destructor; 0 when construction failed.
     virtual int isOk() const;
     // 1 when construction failed because the port was taken.
     virtual int addrInUse() const;
@@ -83,7 +86,8 @@ public:
 
     // Called for each socket that joins, when it is set up and listed; and for each that goes, while it is
     // still usable and listed. A pair may be registered more than once and is called that often;
-    // unregistering takes away the first match. userData is passed on and never looked at.
+    // unregistering takes away the first match. userData is passed on and never looked at. Without memory
+    // nothing is registered: "NwTcpSocketMgr: no memory for a callback\n".
     virtual void addSocketAdditionCallback(Callback callback, void* userData);
     virtual void removeSocketAdditionCallback(Callback callback, void* userData);
     virtual void addSocketRemovalCallback(Callback callback, void* userData);
@@ -95,8 +99,8 @@ public:
     virtual int sizeLength();
     virtual void setSizeOffset(int offset);
     virtual void setSizeLength(int length);
-    // Bundling (bytes; 0: none) for every socket: those in the list are flushed and changed now. Sockets
-    // accepted later get setUnbundling(1) too when it is not 0.
+    // Bundling (bytes, at most INT_MAX; 0: none) for every socket: those in the list are flushed and changed
+    // now. Sockets accepted later get setUnbundling(1) too when it is not 0.
     virtual void setPacketBundling(unsigned int size);
     // Unregisters every callback.
     virtual void emptyCallbackLists();
