@@ -282,7 +282,12 @@ TEST_P(TcpOutOfMemoryAt, bundleThatCannotBeQueuedStaysABundle) {
     char first[] = "first", second[] = "second";
     socket.NwSend(first, 5, 1u);
     socket.NwSend(second, 6, 2u);
-    long sent = 0;
+    long sent = 4711;
+    allocationsLeft = GetParam();
+    EXPECT_EQ(socket.flush(sent), -1);
+    allocationsLeft = -1;
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(waiting(), 0);
     allocationsLeft = kAllocationsOfAPiece + GetParam();
     EXPECT_EQ(socket.flush(sent), -1);
     allocationsLeft = -1;
