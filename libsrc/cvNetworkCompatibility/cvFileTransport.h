@@ -26,9 +26,8 @@ class NwFileTransportObject;
 // One connection carries one file, in messages of at most NwMaxPacketSize() bytes; both ends must agree on
 // that size and on the byte order (NwSetNetworkByteOrdering). Numbers are unsigned, 4 bytes long:
 //
-//     first message    0 length of this message | 4 file identifier | 8 file size | 12 data size | 16 flags
-//     (0) |
-//                      20 name without directories, NUL | data
+//     first message    0 length of this message | 4 file identifier | 8 file size | 12 data size |
+//                      16 flags (0) | 20 name without directories, NUL | data
 //     later messages   0 length of this message | 4 file identifier | 8 data
 //
 // A file is complete when data size bytes have come. There is no encryption, no authentication and no
@@ -64,8 +63,10 @@ public:
     // Makes the target directory, then listens on `port`; with searchPorts on the first that is free of
     // `port` to `port + portRange - 1` (a port that cannot be had for another reason than being taken is
     // reported by the manager). *portOut (which may be null) becomes the port. Port 0 lets the system choose.
-    // When there was none, port() and *portOut are -1 and tick does nothing; then with a portRange of 0 or
-    // less, "Corvane(NwFileTransporter) Could not find a free port in range " and the range are printed.
+    // A number that is no port, such as -1, is not tried: for transporters that only send, with an empty
+    // targetDir. When there was none, port() and *portOut are -1 and tick does nothing; when searching with a
+    // portRange of 0 or less, "Corvane(NwFileTransporter) Could not find a free port in range " and the range
+    // are printed.
     NwFileTransporter(int port, bool searchPorts, int portRange, const NwFilename& targetDir, int* portOut);
     // Stops listening, closes every connection, and drops what has not arrived whole.
     virtual ~NwFileTransporter();
