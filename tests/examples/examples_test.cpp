@@ -77,6 +77,12 @@ TEST(Examples, polling) {
     expectOutput("polling", expected);
 }
 
+TEST(Examples, files) {
+    expectOutput("files",
+                 "sent, all of it\n"
+                 "arrived: tile_7.dat, 20000 bytes\n");
+}
+
 TEST(Examples, aPortThatIsTakenIsAMessageAndAStatus) {
     const UdpPeer exclusive(0);
     const std::string port = std::to_string(exclusive.port());
