@@ -5,6 +5,7 @@
 #define CVNET_LIBRARY_H
 
 #include <string>
+#include <vector>
 
 namespace cvnet {
 
@@ -19,9 +20,13 @@ void prepareLibrary();
 /// when there was none. Sending and receiving warn about a packet or a call, never more than one at a time.
 std::string takeLibraryWarning();
 
+/// All of them, oldest first, for calls that warn more than once: at most the latest 16.
+std::vector<std::string> takeLibraryWarnings();
+
 /// The reason in a warning of the form "call: reason", else the warning itself; `otherwise` when there was
 /// none.
 std::string takeLibraryReason(const std::string& otherwise);
+std::string reasonIn(const std::string& warning);
 
 }  // namespace cvnet
 

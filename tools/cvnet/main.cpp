@@ -20,6 +20,8 @@
 #include "ifaces.h"
 #include "library.h"
 #include "output.h"
+#include "pull.h"
+#include "push.h"
 #include "recv.h"
 #include "relay.h"
 #include "send.h"
@@ -29,10 +31,11 @@
 namespace cvnet {
 namespace {
 
-using Commands = std::array<std::unique_ptr<Command>, 4>;
+using Commands = std::array<std::unique_ptr<Command>, 6>;
 
 Commands makeCommands() {
-    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand(), makeRelayCommand()};
+    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand(),
+            makeRelayCommand(),  makePushCommand(), makePullCommand()};
 }
 
 // Started with one of them closed, the next socket or file would take its number, and lines meant for a

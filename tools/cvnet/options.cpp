@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kMaxPort = 65535;
 constexpr unsigned kMaxByte = 255;
+constexpr double kMaxStallSeconds = 1e9;
 
 void declareList(CLI::App& app, const char* name, std::vector<std::string>& values, const char* help) {
     app.add_option(name, values, help)->delimiter(',')->allow_extra_args(false)->type_name("LIST");
@@ -106,6 +107,15 @@ void PortOption::declareListening(CLI::App& app, const char* protocol) {
            fmt::format("{} port to listen on, 0 for any free one (default {})", protocol, kDefaultDisPort))
         ->check(range(0, kMaxPort))
         ->type_name("PORT");
+}
+
+void StallOption::declare(CLI::App& app, const char* purpose) {
+    app.add_option("--stall", seconds, fmt::format("{} (default {}; 0: wait for ever)", purpose, seconds))
+        ->type_name("S");
+}
+
+void StallOption::check() const {
+    checkRange("--stall", seconds, 0.0, kMaxStallSeconds);
 }
 
 void InterfaceOption::declare(CLI::App& app, const char* purpose) {

@@ -45,6 +45,16 @@ struct PortOption {
     void declareListening(CLI::App& app, const char* protocol);
 };
 
+/// --stall: how long a peer may keep a transfer waiting.
+struct StallOption {
+    double seconds;  // 0: for ever
+
+    explicit StallOption(double defaultSeconds) : seconds(defaultSeconds) {}
+    void declare(CLI::App& app, const char* purpose);
+    /// Throws UsageFailure.
+    void check() const;
+};
+
 /// --interface NAME|ADDRESS
 struct InterfaceOption {
     std::string nameOrAddress;

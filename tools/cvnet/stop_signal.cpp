@@ -3,6 +3,7 @@
 #include "stop_signal.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
@@ -15,11 +16,13 @@ namespace cvnet {
 namespace {
 
 volatile std::sig_atomic_t gRaised = 0;
+volatile std::sig_atomic_t gConnection = -1;
 int gPipe[2] = {-1, -1};
 
 void onSignal(int) {
     const int errnoBefore = errno;
     gRaised = 1;
+    if (gConnection >= 0) ::shutdown(gConnection, SHUT_RDWR);
     const char byte = 0;
     // The pipe is full only when the waiter has been told often enough.
     if (::write(gPipe[1], &byte, 1) < 0) errno = 0;
@@ -58,6 +61,11 @@ void StopSignal::install() {
 
 bool StopSignal::raised() {
     return gRaised != 0;
+}
+
+void StopSignal::shutDownToo(int fd) {
+    gConnection = fd;
+    if (fd >= 0 && raised()) ::shutdown(fd, SHUT_RDWR);  // the signal may have come just before
 }
 
 bool StopSignal::wait(int fd, std::optional<Clock::time_point> until) {

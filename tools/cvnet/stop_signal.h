@@ -22,6 +22,10 @@ public:
     /// Whether one has come.
     static bool raised();
 
+    /// Names a connection (-1: none) that a signal shuts down at once: a call of the library that waits for
+    /// its peer ends then. To be taken back before another descriptor gets the number.
+    static void shutDownToo(int fd);
+
     /// Waits until a signal comes, `fd` can be read (-1: no descriptor), the reader of standard output goes
     /// away, or `until` (none: for ever). True when `fd` can be read.
     static bool wait(int fd, std::optional<Clock::time_point> until);
