@@ -522,8 +522,9 @@ TEST_F(PushPull, aPortThatIsTakenIsAClearLine) {
         arguments.insert(arguments.end(), further.begin(), further.end());
         const CvnetResult result = cvnet(arguments);
         EXPECT_EQ(result.exitStatus, 1);
-        expectLines(result.errors,
-                    {StartsWith("cvnet pull: cannot listen on port " + port + ": Address already in use")});
+        expectLines(result.errors, {StartsWith("cvnet pull: cannot listen on port " + port +
+                                               ": Address already in use, it is open in process " +
+                                               std::to_string(::getpid()))});
         EXPECT_EQ(result.output, "");
     }
 }

@@ -29,6 +29,7 @@
 #include "json_line.h"
 #include "kept_failure.h"
 #include "library.h"
+#include "listening.h"
 #include "options.h"
 #include "output.h"
 #include "progress.h"
@@ -138,13 +139,11 @@ Puller::Puller(const PullOptions& options, ProgressBar& bar, PullWatcher& watche
       bar_(bar),
       watcher_(watcher) {
     const std::string reason = takeLibraryReason(errorText(EADDRINUSE));
-    if (port() < 0) {
-        const int last = std::min(options.port + options.searchedPorts - 1, kMaxPort);
-        const std::string ports = last > options.port
-                                      ? fmt::format("any port of {} to {}", options.port, last)
-                                      : fmt::format("port {}", options.port);
-        throw Failure(fmt::format("cannot listen on {}: {}", ports, reason));
-    }
+    const int last = std::min(options.port + options.searchedPorts - 1, kMaxPort);
+    if (port() < 0 && last > options.port)
+        throw Failure(fmt::format("cannot listen on any port of {} to {}: {}", options.port, last, reason));
+    if (port() < 0) failToListen(options.port, reason);
+    if (!listens(listeningFd())) failToListen(port(), errorText(EADDRINUSE));
     setReceiveStallLimit(stallSeconds_);
     addFileTransferedCallback(fileWritten, &writtenPath_);
 }

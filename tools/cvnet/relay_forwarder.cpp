@@ -13,10 +13,9 @@
 
 #include <cvNetworkCompatibility/cvTcpSocket.h>
 
-#include "failure.h"
 #include "library.h"
+#include "listening.h"
 #include "output.h"
-#include "port_owner.h"
 #include "text.h"
 
 namespace cvnet {
@@ -65,19 +64,6 @@ void keepAlive(int fd) {
     // Where the system refuses, dead peers stay longer, and nothing else.
     for (const auto& option : options)
         ::setsockopt(fd, option.level, option.name, &option.value, sizeof option.value);
-}
-
-[[noreturn]] void failToListen(int port, const std::string& reason) {
-    const auto owner = port == 0 ? std::nullopt : tcpPortOwner(static_cast<unsigned>(port));
-    throw Failure(fmt::format("cannot listen on port {}: {}{}", port, reason,
-                              owner ? ", it is open in " + portOwnerText(*owner) : ""));
-}
-
-// Two that bind at the same moment may both succeed; only one of them listens.
-bool listens(int fd) {
-    int isListening = 0;
-    socklen_t length = sizeof isListening;
-    return ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &isListening, &length) == 0 && isListening != 0;
 }
 
 }  // namespace
