@@ -152,6 +152,15 @@ TEST_F(FileReceive, aMessageTooShortForItsFieldsIsRefused) {
     EXPECT_TRUE(dir.has("inbox/n")) << "whole, it is one";
 }
 
+TEST_F(FileReceive, aMessageTooShortForAnIdentifierHasNone) {
+    // The identifier's missing bytes would be those of the message before.
+    for (const std::size_t length : {1u, 2u, 3u}) {
+        SCOPED_TRACE(length);
+        expectRefused(FirstMessage(kId, "name", "da").announcing(4).bytes() +
+                      message(u32(kId).substr(0, length)) + laterMessage(kId, "ta"));
+    }
+}
+
 TEST_F(FileReceive, aNameWithoutItsEndIsRefused) {
     expectRefused(FirstMessage(kId, "name", "").bytes(true, ""));
     expectRefused(FirstMessage(kId, std::string(5000, 'n'), "").bytes(true, ""));

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Memory that ends at any moment: no exception leaves a socket, and no descriptor stays open.
+#include <cvNetworkCompatibility/cvFileTransport.h>
 #include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
@@ -7,6 +8,7 @@
 #include <cvNetworkCompatibility/cvTcpSocket.h>
 #include <cvNetworkCompatibility/cvTcpSocketMgr.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -14,6 +16,7 @@
 #include <new>
 
 #include "async_peek.h"
+#include "file_transfer.h"
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
@@ -471,6 +474,70 @@ TEST_F(OutOfMemory, relayingNeedsNone) {
     ASSERT_TRUE(waitReadable(socketsOf(*relay.socketMgr())[0]->readFd()));
     EXPECT_EQ(withEachAllocationFailing([&] { relay.readAndForward(1000, 1000); }), 0);
     EXPECT_EQ(socketsOf(*relay.socketMgr()).size(), 1u);
+}
+
+// Calls `work` with its n-th allocation failing. True when it needed no more than n.
+template <class Work>
+bool succeedsWith(int n, const Work& work) {
+    allocationsLeft = n;
+    EXPECT_NO_THROW(work()) << "allocation " << n;
+    const bool allSucceeded = allocationsLeft >= 0;
+    allocationsLeft = -1;
+    return allSucceeded;
+}
+
+TEST_F(OutOfMemory, aFileIsSentWholeOrNotAtAll) {
+    NwDebug.rdbuf(nullptr);
+    const Directory dir;
+    const NwFilename file(dir.write("file", std::string(100, 'x')));
+    TcpListener listener;
+    NwFileTransporter sender(-1, false, 0, dir.path(), nullptr);
+    const std::ptrdiff_t before = openDescriptors();
+    int n = 0, sent = 0;
+    for (bool isOver = false; !isOver; ++n) {
+        bool result = false;
+        isOver = succeedsWith(n, [&] { result = sender.sendFile(file, kLoopback, listener.port()); });
+        sent += result;
+        EXPECT_EQ(result, sender.lastSendComplete());
+        EXPECT_TRUE(result || !isOver);
+        std::string stream;
+        if (waitReadable(listener.fd(), 0)) stream = listener.accept().receiveToEnd();
+        EXPECT_EQ(stream.size(), result ? 21u + 4 + 100 : 0u) << "allocation " << n;
+    }
+    EXPECT_GE(n, 4) << "the file, a message, the socket's buffer, and none";
+    EXPECT_GE(sent, 1);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+void countFile(const NwFilename&, void* counter) {
+    ++*static_cast<int*>(counter);
+}
+
+TEST_F(OutOfMemory, aFileIsReceivedWholeOrNotAtAll) {
+    NwDebug.rdbuf(nullptr);
+    const Quiet quiet;
+    const Directory dir;
+    NwFileTransporter receiver(0, false, 0, dir.path(), nullptr);
+    int arrived = 0;
+    receiver.addFileTransferedCallback(countFile, &arrived);
+    const std::string stream =
+        FirstMessage(1, "a name that is longer than a short string", "ab").announcing(4).bytes() +
+        laterMessage(1, "cd");
+    int n = 0;
+    for (bool isOver = false; !isOver; ++n) {
+        TcpPeer peer(receiver.port());
+        peer.sendAll(stream);
+        const int before = arrived;
+        isOver = succeedsWith(n, [&] { receiver.tick(); });
+        EXPECT_TRUE(arrived > before || !isOver);
+        const auto files = dir.tree();
+        ASSERT_EQ(files.size(), static_cast<std::size_t>(arrived - before)) << "allocation " << n;
+        if (files.empty()) continue;
+        EXPECT_EQ(files.begin()->second, "abcd");
+        ::unlink((dir / files.begin()->first).c_str());
+    }
+    EXPECT_GE(n, 6) << "the socket, its buffer, a message, a transfer, its name, its data";
+    EXPECT_GE(arrived, 1);
 }
 
 }  // namespace
