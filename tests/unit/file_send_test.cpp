@@ -325,6 +325,14 @@ TEST_F(FileSend, namesInWarningsCannotSteerATerminal) {
     EXPECT_EQ(messages.warn(), refusal(": error opening file ", dir / "a\\x1B[31m\\x0Ab"));
 }
 
+TEST_F(FileSend, aRefusalFollowsASuccess) {
+    sent(dir.write("file", "data"));
+    expectRefused(dir / "missing");
+    sent(dir / "file");
+    EXPECT_FALSE(sender.sendFile(dir / "file", kLoopback, freeTcpPort()));
+    EXPECT_FALSE(sender.lastSendComplete());
+}
+
 TEST_F(FileSend, refusalsArePrintedWhileSocketsAreQuiet) {
     const Quiet quiet;
     expectRefused(dir / "missing");
