@@ -90,13 +90,14 @@ public:
         progress.push_back({sent, total});
         mostQueued = std::max(mostQueued, socket.getQueueStatus().first);
         if (!socket.isOk() || socket.readFd() < 0) hasOpenSocket = false;
-        if (onProgress) onProgress();
+        if (onProgress) onProgress(socket);
     }
 
     int identifiers = 0;
     std::size_t bufferSizeBefore = 99;
     std::function<bool(std::vector<char>&, int&, NwFileTransportFlags&)> instead;
-    std::function<void()> beforeReading, onProgress;
+    std::function<void()> beforeReading;
+    std::function<void(NwTcpSocket&)> onProgress;
     std::vector<Progress> progress;
     int mostQueued = 0;
     bool hasOpenSocket = true;
@@ -478,6 +479,12 @@ TEST_F(FileSend, progressIsToldAfterEachMessage) {
     EXPECT_TRUE(sender.hasOpenSocket);
 }
 
+TEST_F(FileSend, theSocketShownKnowsTheFormat) {
+    sender.onProgress = [](NwTcpSocket& socket) { EXPECT_TRUE(socket.isConnectionEstablished()); };
+    EXPECT_EQ(sent(dir.write("file", "data")), FirstMessage(kId, "file", "data").bytes() + u32(4))
+        << "a connection test between messages is swallowed by the peer";
+}
+
 TEST_F(FileSend, eachMessageIsWithTheKernelBeforeTheNextIsMade) {
     TcpListener narrow(kLoopback, 4096);
     const std::string path = dir.write("file", randomBytes(4 << 20));
@@ -496,7 +503,7 @@ TEST_F(FileSend, holdsTheFileOnceWhateverThePeerReads) {
     TcpListener narrow(kLoopback, 4096);
     const std::size_t before = residentBytes();
     std::size_t most = 0;
-    sender.onProgress = [&] { most = std::max(most, residentBytes()); };
+    sender.onProgress = [&](NwTcpSocket&) { most = std::max(most, residentBytes()); };
     std::thread slowReader([&] {
         TcpPeer peer = narrow.accept();
         std::vector<char> part(65536);
