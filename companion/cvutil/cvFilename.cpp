@@ -29,19 +29,40 @@ NwFilename NwFilename::combine(const NwFilename& dir, const NwFilename& name) {
     return dir.myName + '/' + name.myName;
 }
 
+namespace {
+
+unsigned int byteAt(const char* text) {
+    return static_cast<unsigned char>(*text);
+}
+
+// The number of the letter that begins here, and its size: of one in UTF-8, or of a byte by itself.
+unsigned int letterAt(const char* text, std::size_t& size) {
+    const unsigned int first = byteAt(text);
+    size = 1;
+    if (first < 0xC0 || first > 0xF7) return first;
+    const std::size_t count = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    unsigned int letter = first & (0x7Fu >> count);
+    for (std::size_t i = 1; i < count; ++i) {
+        const unsigned int next = byteAt(text + i);
+        if ((next & 0xC0) != 0x80) return first;
+        letter = letter << 6 | (next & 0x3F);
+    }
+    size = count;
+    return letter;
+}
+
+}  // namespace
+
 std::ostream& NwFilename::insertInto(std::ostream& stream) const {
     std::string shown;
-    unsigned char before = 0;
-    for (const char* c = c_str(); *c; ++c) {
-        const unsigned char byte = static_cast<unsigned char>(*c);
-        // The controls above 0x7F: a byte by itself, or behind 0xC2 in UTF-8.
-        const bool isUpper = byte >= 0x80 && byte < 0xA0 && (before < 0x80 || before == 0xC2);
-        before = byte;
-        char escape[sizeof "\\xNN"];
-        if (byte >= 0x20 && byte != 0x7F && !isUpper) {
-            shown += *c;
-        } else {
-            std::snprintf(escape, sizeof escape, "\\x%02X", byte);
+    for (std::size_t at = 0, size = 0; at < myName.size(); at += size) {
+        const char* text = c_str() + at;
+        const unsigned int letter = letterAt(text, size);
+        const bool isControl = letter < 0x20 || (letter >= 0x7F && letter < 0xA0);
+        if (!isControl) shown.append(text, size);
+        for (std::size_t i = 0; isControl && i < size; ++i) {
+            char escape[sizeof "\\xNN"];
+            std::snprintf(escape, sizeof escape, "\\x%02X", byteAt(text + i));
             shown += escape;
         }
     }

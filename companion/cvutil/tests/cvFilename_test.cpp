@@ -169,6 +169,25 @@ TEST(Filename, showsControlCharactersAsNumbers) {
     for (char c = 1; c < 0x20; ++c) EXPECT_EQ(shown(std::string(1, c)).size(), 4u) << int(c);
 }
 
+TEST(Filename, showsTheControlCharactersAboveAsciiAsNumbersToo) {
+    EXPECT_EQ(shown("\x9B\x9B[31m"), "\\x9B\\x9B[31m");
+    EXPECT_EQ(shown("\xFF\x9B\x80\x9F\xA0"), "\xFF\\x9B\\x80\\x9F\xA0");
+    EXPECT_EQ(shown("a\xC2\x9B"
+                    "b"),
+              "a\\xC2\\x9B"
+              "b")
+        << "the same in UTF-8";
+    EXPECT_EQ(shown("\xC0\x9B\xE0\x80\x9B"), "\\xC0\\x9B\\xE0\\x80\\x9B") << "or in too many bytes";
+    EXPECT_EQ(shown("\xC2\xA0\xC3\x9B\xE2\x82\x9B\xF0\x9F\x9A\x80"),
+              "\xC2\xA0\xC3\x9B\xE2\x82\x9B\xF0\x9F\x9A\x80")
+        << "letters with such bytes are letters";
+    for (const char* cut : {"\xE2\x82", "\xF0\x9F\x9A", "\xC3"}) {
+        const std::string text = shown(cut);
+        EXPECT_EQ(text[0], cut[0]);
+        EXPECT_EQ(text.size(), 1 + 4 * (std::string(cut).size() - 1)) << "a letter that is cut off is none";
+    }
+}
+
 TEST(Filename, isInsertedAsOneTextOfTheWidthAskedFor) {
     std::ostringstream stream;
     stream << std::setw(6) << std::left << NwFilename("tile") << '|';
@@ -300,7 +319,9 @@ TEST(MakeDirectory, failsWithoutPermission) {
     ASSERT_EQ(::chmod((dir / "").c_str(), 0755), 0);
     ASSERT_EQ(::chmod((dir / "closed").c_str(), 0555), 0);
     asNobody([&] {
+        errno = 0;
         EXPECT_FALSE(NwMakeDirectory(dir / "closed/new"));
+        EXPECT_EQ(errno, EACCES);
         EXPECT_FALSE(NwMakeDirectory(dir / "closed/new/below"));
         EXPECT_TRUE(NwMakeDirectory(dir / "closed/inside")) << "what is there needs no permission";
     });
