@@ -231,6 +231,7 @@ private:
             const std::size_t slash = path.rfind('/');
             const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
             if (name.empty() || name == "." || name == "..") return kMalformed;
+            if (own.size() >= 1000) return kMalformed;
             own[id] = {name, "", field(message, 12)};
             start = nameEnd + 1;
         }
@@ -257,17 +258,37 @@ private:
         receive(1, others);
     }
 
+    // Control characters as numbers, those above ASCII too: as bytes by themselves or as letters of UTF-8.
     static std::string escaped(const std::string& text) {
         std::ostringstream shown;
-        for (const char c : text) {
-            const unsigned int byte = static_cast<unsigned char>(c);
-            if (byte < 32 || byte == 127)
-                shown << "\\x"
-                      << "0123456789ABCDEF"[byte >> 4] << "0123456789ABCDEF"[byte & 15];
-            else
-                shown << c;
+        for (std::size_t at = 0; at < text.size();) {
+            std::size_t size = 0;
+            const unsigned long letter = decoded(text, at, size);
+            for (const std::size_t end = at + size; at < end; ++at) {
+                const unsigned int byte = static_cast<unsigned char>(text[at]);
+                if (letter < 32 || (letter >= 127 && letter < 160))
+                    shown << "\\x"
+                          << "0123456789ABCDEF"[byte >> 4] << "0123456789ABCDEF"[byte & 15];
+                else
+                    shown << text[at];
+            }
         }
         return shown.str();
+    }
+
+    static unsigned long decoded(const std::string& text, std::size_t at, std::size_t& size) {
+        const auto byte = [&](std::size_t i) {
+            return i < text.size() ? static_cast<unsigned long>(static_cast<unsigned char>(text[i])) : 0;
+        };
+        const auto more = [&](std::size_t i) { return byte(i) / 64 == 2; };
+        const unsigned long first = byte(at);
+        size = first / 32 == 6 && more(at + 1) ? 2 : 1;
+        if (first / 16 == 14 && more(at + 1) && more(at + 2)) size = 3;
+        if (first / 8 == 30 && more(at + 1) && more(at + 2) && more(at + 3)) size = 4;
+        if (size == 1) return first;
+        unsigned long letter = first % (1ul << (7 - size));
+        for (std::size_t i = 1; i < size; ++i) letter = letter * 64 + byte(at + i) % 64;
+        return letter;
     }
 
     const Scene& myScene;

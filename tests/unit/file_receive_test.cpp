@@ -224,6 +224,17 @@ TEST_F(FileReceive, aMalformedMessageTakesTheConnectionsOtherTransfersAlong) {
     expectGoesOn();
 }
 
+TEST_F(FileReceive, aConnectionMayHaveAThousandTransfersOpen) {
+    std::string announcements;
+    for (unsigned int id = 1; id <= 1000; ++id)
+        announcements += FirstMessage(id, std::to_string(id), "").announcing(1).bytes();
+    deliver(announcements + laterMessage(500, "x") + FirstMessage(2000, "again", "").announcing(1).bytes() +
+            fileBytes("one-too-many", "x", 2001));
+    EXPECT_EQ(messages.warn(), kMalformed);
+    EXPECT_EQ(dir.tree(), (std::map<std::string, std::string>{{"inbox", "directory"}, {"inbox/500", "x"}}));
+    EXPECT_EQ(receiver.transfersUnderWay(), 0u);
+}
+
 TEST_F(FileReceive, filesBeforeAMalformedMessageStay) {
     deliver(FirstMessage(1, "open", "a").announcing(2).bytes() + fileBytes("whole", "data") +
             laterMessage(3, "none"));
@@ -336,6 +347,25 @@ TEST_F(FileReceive, connectionsThatEndedAreRemovedByALaterTick) {
         << warnings;
 }
 
+// Of many that wait to be accepted, those that are through hold no descriptor.
+TEST_F(FileReceive, connectionsThatEndedGoBeforeTheNextIsReceivedFrom) {
+    for (int i = 0; i < 20; ++i) {
+        TcpPeer peer = connect();
+        peer.sendAll(fileBytes("file", "data"));
+    }
+    static int mostConnections;
+    mostConnections = 0;
+    receiver.addFileTransferedCallback(
+        [](const NwFilename&, void* transporter) {
+            mostConnections = std::max(mostConnections, static_cast<Receiver*>(transporter)->connections());
+        },
+        &receiver);
+    deliver(fileBytes("last", "data"));
+    EXPECT_EQ(arrived.size(), 21u);
+    EXPECT_EQ(messages.warn(), "") << "they go silently";
+    EXPECT_EQ(mostConnections, 1) << "the one that is received from";
+}
+
 TEST_F(FileReceive, everyTickSendsAConnectionTest) {
     TcpPeer& peer = deliver(fileBytes("file", "data"));
     EXPECT_EQ(peer.receive(4), u32(4)) << "as long as its length field, which is 4 bytes wide";
@@ -417,8 +447,9 @@ TEST_F(FileReceive, aPeerThatMakesNoProgressReleasesTickAfterTheLimit) {
 TEST_F(FileReceive, bytesThatCompleteNoDataAreNoProgress) {
     const StallLimits limits(30, 50);
     const std::string first = FirstMessage(kId, "file", "some").announcing(100).bytes();
-    const std::string endless[] = {u32(10000) + u32(kId) + std::string(9000, 'x'), u32(4),
-                                   laterMessage(kId, "")};
+    const std::string endless[] = {
+        u32(10000) + u32(kId) + std::string(9000, 'x'), u32(4), laterMessage(kId, ""),
+        FirstMessage(kId + 1, "other", "").announcing(1).bytes() + laterMessage(kId + 1, "")};
     for (const std::string& bytes : endless) {
         SCOPED_TRACE(bytes.size());
         TcpPeer peer = connect();

@@ -188,7 +188,8 @@ TEST_F(FileSend, everyMessageIsTracedOnTheDebugStream) {
 
 TEST_F(FileSend, thePeerGetsTheNameWithoutDirectories) {
     ASSERT_TRUE(NwMakeDirectory(dir / "some/where"));
-    for (const std::string name : {"tile 7", "..x", "-", "\xC3\xA9", "a\nb", std::string(255, 'n').c_str()}) {
+    for (const std::string& name : {std::string("tile 7"), std::string("..x"), std::string("-"),
+                                    std::string("\xC3\xA9"), std::string("a\nb"), std::string(255, 'n')}) {
         const std::string path = dir.write("some/where/" + name, "data");
         EXPECT_EQ(sent(path), FirstMessage(kId, name, "data").bytes()) << path;
     }
@@ -530,6 +531,7 @@ TEST_F(FileSend, aConnectionThatBreaksIsToldBySocketAndFlagOnly) {
         peer.join();
         EXPECT_FALSE(sender.lastSendComplete());
         EXPECT_LT(sender.progress.back().sent, sender.progress.back().total);
+        EXPECT_TRUE(sender.hasOpenSocket) << "no progress is told of a connection that is broken";
     };
     sendToPeerThatDies();
     const std::string warnings = messages.warn();

@@ -22,6 +22,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -41,6 +42,7 @@ namespace {
 
 // What each next write to a regular file does: takes so many bytes, or fails with so much below 0.
 std::deque<long> theAppointedWrites;
+std::function<void()> beforeAppointedWrite;
 
 bool isRegularFile(int fd) {
     struct stat status;
@@ -53,6 +55,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const vo
     if (!theAppointedWrites.empty() && isRegularFile(fd)) {
         const long appointed = theAppointedWrites.front();
         theAppointedWrites.pop_front();
+        if (const std::function<void()> work = beforeAppointedWrite) work();
         if (appointed < 0) {
             errno = static_cast<int>(-appointed);
             return -1;
@@ -76,6 +79,15 @@ TEST_F(FileTarget, anExistingFileIsReplaced) {
     deliver(fileBytes("file", "new"));
     EXPECT_EQ(contentsOf(inInbox("file")), "new");
     EXPECT_EQ(messages.warn(), "");
+}
+
+TEST_F(FileTarget, aNewFileHasTheRightsThatTheUmaskLeaves) {
+    const mode_t former = ::umask(027);
+    deliver(fileBytes("file", "data"));
+    ::umask(former);
+    struct stat status;
+    ASSERT_EQ(::stat(inInbox("file").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
 }
 
 TEST_F(FileTarget, theTargetDirectoryIsMade) {
@@ -302,6 +314,22 @@ TEST_F(FileTarget, aWriteThatFailsLeavesNothing) {
     }
     EXPECT_TRUE(arrived.empty());
     expectGoesOn();
+}
+
+// While a write fails, another process puts something else in the file's place.
+TEST_F(FileTarget, whatTookThePlaceOfAPartialFileIsKept) {
+    theAppointedWrites = {3, -ENOSPC};
+    beforeAppointedWrite = [&] {
+        beforeAppointedWrite = nullptr;
+        const std::deque<long> later = std::exchange(theAppointedWrites, {});
+        dir.write("other", "kept");
+        ASSERT_EQ(::rename((dir / "other").c_str(), inInbox("file").c_str()), 0);
+        theAppointedWrites = later;
+    };
+    deliver(fileBytes("file", "0123456789"));
+    EXPECT_EQ(messages.warn(), errorWriting(inInbox("file")));
+    EXPECT_EQ(contentsOf(inInbox("file")), "kept");
+    EXPECT_TRUE(arrived.empty());
 }
 
 // --- names ----------------------------------------------------------------------------------------------
