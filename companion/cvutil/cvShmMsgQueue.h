@@ -250,10 +250,12 @@ public:
 private:
     bool hasMessage();
     int take(void* buffer, int capacity8, int* result);
-    int ended();
-    bool waitForMessage();
-    bool looksDead();
-    void clearAwayIfDead();
+    int giveUp(int* result);
+    void skipWritten();
+    int over();
+    bool sleepUntilWoken();
+    void lookForDeath();
+    void lookForDeathNowAndThen();
 
     NwShmMsgQueueMgr mgr;
     std::uint64_t position;     // where the next record is
@@ -304,9 +306,13 @@ public:
     std::uint64_t dropped() const { return droppedCount; }
 
 private:
-    bool makeRoom(unsigned int need);
-    void noteUse();
-    void attend(std::uint64_t wishes, bool isOver);
+    bool lookWhatWasRead();
+    bool hasRoom(unsigned int need);
+    bool drop();
+    void noteUse(unsigned int slackBytes);
+    void attendWishes(bool isOver);
+    void wakeSleeper();
+    void takeWish(std::uint64_t wishes, bool isOver);
 
     NwShmMsgQueueMgr mgr;
     std::uint64_t position;  // behind the last record that was put
@@ -373,8 +379,8 @@ public:
     static int removeLeftovers(int port, int slots);
 
 private:
-    bool makeSet();
-    bool makeSegment();
+    bool makeSet(int key);
+    bool makeSegment(int key, long bytes);
     bool giveTo(uid_t uid, gid_t gid);
 
     char* base;  // where the segment is attached; null: nothing is made
