@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: BSD-3-Clause
 """Writes the seeds from the captures of tests/data/dis: recorded datagrams under many settings for the splitter,
-recorded PDUs and packets made by hand as streams for the framer, and file transfers.
+recorded PDUs and packets made by hand as streams for the framer, file transfers, and steps of
+a queue in shared memory.
 
 The layout of an input is told at the top of each target. Files whose names start with "crash-" are findings of
 earlier days and are left alone.
@@ -11,7 +12,9 @@ import struct
 
 ROOT = pathlib.Path(__file__).resolve().parent
 DATA = ROOT.parent / "tests" / "data" / "dis"
-SPLITTER, FRAMER, TRANSFER = (ROOT / "seeds" / name for name in ("splitter", "framer", "transfer"))
+SPLITTER, FRAMER, TRANSFER, SHMQUEUE = (
+    ROOT / "seeds" / name for name in ("splitter", "framer", "transfer", "shmqueue")
+)
 DERIVED, HEADER, NETWORK, QUIET, UNBUNDLE, OWN, IN_PLACE, COPIED = (1 << i for i in range(8))
 DEFAULT = DERIVED | HEADER | NETWORK | UNBUNDLE
 
@@ -88,7 +91,6 @@ def splitter_seeds():
     write("minimum-huge", [small[0], small[1]], smallest=2**31 - 1)
     write("short", [b"short", small[0] + b"padding", b"", small[1]], burst=4)
     write("no-room", [small[0]], room=0xFFFF)
-
 
 
 # --- streams ---------------------------------------------------------------------------------------------
@@ -229,6 +231,52 @@ def transfer_seeds():
     write_transfer("inner-breaks", first(b"open", b"a", 2, id=2) + first(b"file") + later(b"b", 2) + SECOND + first(b"x", b"", 9, id=3))
 
 
+def shmqueue_seeds():
+    clear(SHMQUEUE)
+    goAway, written, msgsWritten, read, msgsRead, attention, ring = 24, 128, 136, 256, 264, 384, 512
+
+    def write(length):
+        return struct.pack("<BH", 0, length)
+
+    def take(room=64):
+        return bytes((1, room))
+
+    def change(place, value, width=8):
+        return struct.pack("<BHB", 2, place, width - 1) + (value % 2 ** (8 * width)).to_bytes(width, "little")
+
+    def seed(name, *steps, doublings=4):
+        (SHMQUEUE / name).write_bytes(bytes((doublings,)) + b"".join(steps))
+
+    reader, skipping, writer, publish = b"\3\0", b"\3\1", b"\4", b"\x08"
+    seed("one", write(100), take(), take())
+    seed("full", *[write(100)] * 12, *[take()] * 12)
+    seed("wraps", *[write(200), take()] * 20)
+    seed("sizes", *[write(n) + take() for n in range(0, 26)], doublings=0)
+    seed("skipped", write(100), write(5), take(2), take(2))
+    seed("backlog", write(100), write(5), skipping, write(6), take(), reader, take())
+    seed("batch", b"\7\4\5", b"\7\0\6", take(), publish, take(), take())
+    seed("notify", b"\5\2", write(1), write(1), write(1), b"\5\0", publish)
+    seed("stopped", write(9), b"\6\2", take(), take(), take())
+    seed("dismissed", write(9), b"\6\4", take(), take())
+    seed("high", change(written, -64), change(read, -64), reader, writer, *[write(30), take()] * 6)
+    seed("written-beyond", change(written, 1032), take(), take())
+    seed("written-odd", change(written, 12), take())
+    seed("read-beyond", *[write(100)] * 9, change(read, 5000), write(100), write(1))
+    seed("read-back", change(read, 8), writer, write(9))
+    seed("mark-alone", change(ring, 0xFFFFFFFF, 4), change(written, 1024), take())
+    seed("mark-then-record", write(200), take(), change(ring + 208, 0xFFFFFFFF, 4), change(ring, 9, 4),
+         change(written, 1048), take(), take())
+    for name, length in (("zero", 0), ("most", 504), ("too-long", 505), ("ring", 1024), ("huge", 0xFFFFFFF9)):
+        seed(f"length-{name}", change(ring, length, 4), change(written, 1024), take(), take())
+    seed("other-ring", change(12, 512, 4), reader, writer, *[write(100), take()] * 8)
+    seed("no-magic", change(0, 1), reader, writer, write(1), take())
+    seed("no-trailer", change(512 + 1024, 0), reader, take())
+    seed("go-away-value", change(goAway, 77, 4), take(), take())
+    seed("counts", change(msgsWritten, -1, 4), change(msgsRead, -1, 4), reader, writer, b"\5\1", write(1), take())
+    seed("attention", change(attention, -1), write(9), take(), publish)
+
+
 splitter_seeds()
 framer_seeds()
 transfer_seeds()
+shmqueue_seeds()
