@@ -239,7 +239,7 @@ TEST(PacketServerMessages, aMessageCutOffItsDescriptorSendsNothingIntoIt) {
     EXPECT_EQ(channel.take(), Bytes());
 }
 
-volatile sig_atomic_t theSignals = 0;
+std::atomic<int> theSignals{0};
 
 TEST(PacketServerMessages, aSignalWhileThereIsNoRoomLosesNoRequest) {
     Channel channel;
@@ -249,7 +249,7 @@ TEST(PacketServerMessages, aSignalWhileThereIsNoRoomLosesNoRequest) {
     while (::send(channel.writeEnd(), &filler, 1, MSG_DONTWAIT) == 1) ++fillers;
     struct sigaction action = {};
     struct sigaction former;
-    action.sa_handler = [](int) { theSignals = theSignals + 1; };
+    action.sa_handler = [](int) { ++theSignals; };
     ::sigaction(SIGUSR1, &action, &former);
     theSignals = 0;
     const pthread_t sender = ::pthread_self();
