@@ -5,11 +5,13 @@
 
 // Marks a class, function or variable as part of the library's binary interface. The library is compiled with
 // hidden visibility, and its version script (cvutil.map) lets nothing through whose name does not begin with
-// Nw.
+// Nw. The second takes a member of such a class out again: a private helper is nobody's but the library's.
 #if defined(__GNUC__)
 #define NWUTIL_API __attribute__((visibility("default")))
+#define NWUTIL_LOCAL __attribute__((visibility("hidden")))
 #else
 #define NWUTIL_API
+#define NWUTIL_LOCAL
 #endif
 
 // Lets the compiler check printf-style arguments against their format. Positions count from 1, and `this` is

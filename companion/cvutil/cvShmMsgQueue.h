@@ -248,14 +248,14 @@ public:
     bool isServerAlive();
 
 private:
-    bool hasMessage();
-    int take(void* buffer, int capacity8, int* result);
-    int giveUp(int* result);
-    void skipWritten();
-    int over();
-    bool sleepUntilWoken();
-    void lookForDeath();
-    void lookForDeathNowAndThen();
+    NWUTIL_LOCAL bool hasMessage();
+    NWUTIL_LOCAL int take(void* buffer, int capacity8, int* result);
+    NWUTIL_LOCAL int giveUp(int* result);
+    NWUTIL_LOCAL void skipWritten();
+    NWUTIL_LOCAL int over();
+    NWUTIL_LOCAL bool sleepUntilWoken();
+    NWUTIL_LOCAL void lookForDeath();
+    NWUTIL_LOCAL void lookForDeathNowAndThen();
 
     NwShmMsgQueueMgr mgr;
     std::uint64_t position;     // where the next record is
@@ -306,13 +306,13 @@ public:
     std::uint64_t dropped() const { return droppedCount; }
 
 private:
-    bool lookWhatWasRead();
-    bool hasRoom(unsigned int need);
-    bool drop();
-    void noteUse(unsigned int slackBytes);
-    void attendWishes(bool isOver);
-    void wakeSleeper();
-    void takeWish(std::uint64_t wishes, bool isOver);
+    NWUTIL_LOCAL bool lookWhatWasRead();
+    NWUTIL_LOCAL bool hasRoom(unsigned int need);
+    NWUTIL_LOCAL bool drop();
+    NWUTIL_LOCAL void noteUse(unsigned int slackBytes);
+    NWUTIL_LOCAL void attendWishes(bool isOver);
+    NWUTIL_LOCAL void wakeSleeper();
+    NWUTIL_LOCAL void takeWish(std::uint64_t wishes, bool isOver);
 
     NwShmMsgQueueMgr mgr;
     std::uint64_t position;  // behind the last record that was put
@@ -379,9 +379,9 @@ public:
     static int removeLeftovers(int port, int slots);
 
 private:
-    bool makeSet(int key);
-    bool makeSegment(int key, long bytes);
-    bool giveTo(uid_t uid, gid_t gid);
+    NWUTIL_LOCAL bool makeSet(int key);
+    NWUTIL_LOCAL bool makeSegment(int key, long bytes);
+    NWUTIL_LOCAL bool giveTo(uid_t uid, gid_t gid);
 
     char* base;  // where the segment is attached; null: nothing is made
     long queueCapacity;
