@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -39,12 +40,25 @@ namespace {
 // lost.
 std::atomic<bool> theSleepsAreEndless{false};
 
+// Called once, before the next question about a semaphore is put: what happens just then.
+std::function<void()> theInterlude;
+std::atomic<bool> theInterludeIsDue{false};
+
 }  // namespace
 
 // In place of the system library's, for everything in this program.
 extern "C" int semtimedop(int set, sembuf* operations, size_t count, const timespec* limit) noexcept {
     return static_cast<int>(
         ::syscall(SYS_semtimedop, set, operations, count, theSleepsAreEndless ? nullptr : limit));
+}
+
+extern "C" int semctl(int set, int number, int command, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);  // where there is none, the system does not look at it
+    va_end(arguments);
+    if (theInterludeIsDue.exchange(false)) theInterlude();
+    return static_cast<int>(::syscall(SYS_semctl, set, number, command, argument));
 }
 
 namespace {
@@ -524,9 +538,10 @@ TEST(ShmQueueNotify, theEndFulfilsEveryWish) {
 
 TEST(ShmQueueFoe, aReaderGivesUpAPositionThatCannotBe) {
     for (std::uint64_t written :
-         {8ull + 1025, 8ull + 1032, 8ull + 1, 8ull + 7, 0ull, ~0ull, 1ull << 32, 1ull << 63}) {
+         {8ull + 1025, 8ull + 1032, 8ull + 1, 8ull + 20, 0ull, ~0ull, 1ull << 32, 1ull << 63}) {
         Queue queue(1024);
         queue.moveTo(8);
+        queue.putLength(8, 4);  // a record that would do
         Reader reader(queue);
         queue.header().written = written;
         EXPECT_EQ(reader.read().result, NwShmReadDismissed) << written;
@@ -603,6 +618,17 @@ TEST(ShmQueueFoe, aWriterDropsEverythingForAReaderWhosePositionCannotBe) {
         EXPECT_FALSE(writer.write("x")) << "once over, always over";
         EXPECT_EQ(writer.dropped(), 2u);
     }
+}
+
+TEST(ShmQueueFoe, aReaderMayNotTakeBackWhatItHasRead) {
+    Queue queue(1024);
+    Writer writer(queue);
+    for (int i = 0; i < 16; ++i) ASSERT_TRUE(writer.write(patterned(56, 1)));
+    queue.header().read = 512;
+    for (int i = 0; i < 7; ++i) ASSERT_TRUE(writer.write(patterned(56, 1)));  // to 1472
+    queue.header().read = 504;                                                // would fit the ring
+    EXPECT_FALSE(writer.write(patterned(120, 1)));
+    EXPECT_FALSE(writer.queueMgr().isSound());
 }
 
 TEST(ShmQueueFoe, aWriterDoesNotStartWhereTheCountersCannotBe) {
@@ -901,6 +927,26 @@ TEST_F(ShmSegment, whatAKilledServerLeftIsFoundAndRemoved) {
     EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 8), 2);
 }
 
+TEST_F(ShmSegment, whatAnotherUserLeftStays) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    const ChildResult result = runInChild([&] {
+        if (::setuid(12345) != 0) ::_exit(9);
+        NwShmMsgQueueSegment theirs;
+        ::_exit(theirs.create(port, 2, kCapacity, 12345, 12345) ? 0 : 1);  // without its destructor
+    });
+    if (result.exitedWith(9)) GTEST_SKIP() << "cannot become another user here";
+    ASSERT_TRUE(result.exitedWith(0)) << result.status;
+    NwShmMsgQueueSegment ours;
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 8), 0);
+    EXPECT_FALSE(make(ours, 2));
+    EXPECT_EQ(errno, EEXIST);
+    ASSERT_TRUE(setExists(2));
+    ::semctl(::semget(NwShmMsgQueueSegment::semKeyOf(port, 2), 0, 0), 0, IPC_RMID);
+    EXPECT_FALSE(make(ours, 2)) << "the segment stays too";
+    EXPECT_EQ(errno, EEXIST);
+    ::shmctl(::shmget(NwShmMsgQueueSegment::shmKeyOf(port, 2), 0, 0), IPC_RMID, nullptr);
+}
+
 // --- waiting ---
 
 class ShmQueueWait : public ShmSegment {
@@ -1077,6 +1123,21 @@ TEST_F(ShmQueueDeath, lastWordsComeFirst) {
         EXPECT_EQ(readFrom(*reader).result, NwShmReadDismissed);
         EXPECT_EQ(readFrom(*reader).result, NwShmReadDismissed);
     }
+}
+
+// The reader has found nothing, then a last message comes and the server dies, then the reader asks for its
+// life.
+TEST_F(ShmQueueDeath, lastWordsAfterTheFirstLookComeFirstToo) {
+    Server server;
+    start(server, false, true);
+    auto reader = readerOf(server, true);
+    theInterlude = [&] {
+        NwShmMsgQueueWriter(server.queue(), kCapacity, -1, 0).write("last words", 10);
+        server.kill();
+    };
+    theInterludeIsDue = true;
+    EXPECT_EQ(readFrom(*reader).bytes, "last words");
+    EXPECT_EQ(readFrom(*reader).result, NwShmReadDismissed);
 }
 
 TEST_F(ShmQueueDeath, aPollingReaderLearnsIt) {
@@ -1278,6 +1339,31 @@ TEST_F(ShmSegment, noWakeUpIsLostInPingPong) {
     }
     other.join();
     EXPECT_EQ(returned, rounds);
+}
+
+// Each message comes just when the reader, having taken the last one, is about to sleep, now sooner, now
+// later.
+TEST_F(ShmSegment, noWakeUpIsLostOnTheBrinkOfSleep) {
+    const EndlessSleeps endlessSleeps;
+    const unsigned int messages = kUnderThreadSanitizer ? 3000 : 50000;
+    NwShmMsgQueueSegment segment;
+    ASSERT_TRUE(make(segment));
+    NwShmMsgQueueWriter writer(segment.queue(), segment.capacity(), segment.semId(), 0);
+    std::thread other([&] {
+        for (unsigned int i = 0; i < messages; ++i) {
+            while (writer.queueMgr().msgsRead() != i) {
+            }
+            for (volatile unsigned int pause = 0; pause < i % 100; pause = pause + 1) {
+            }
+            writer.write(&i, sizeof i);
+        }
+    });
+    NwShmMsgQueueReader reader(segment.queue(), segment.capacity(), segment.semId(), 0, false, false, false);
+    int result;
+    std::uint64_t room;
+    for (unsigned int i = 0; i < messages; ++i) reader.read(&room, 1, &result);
+    other.join();
+    EXPECT_EQ(reader.msgsRcvd(), messages);
 }
 
 // The same with wishes to be notified in place of sleep: each is fulfilled once, by one side or the other.
