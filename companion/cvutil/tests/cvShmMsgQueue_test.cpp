@@ -1341,7 +1341,12 @@ TEST_F(ShmSegment, noWakeUpIsLostInPingPong) {
     EXPECT_EQ(returned, rounds);
 }
 
-// Each message comes just when the reader, having taken the last one, is about to sleep, now sooner, now
+void spin(unsigned int turns) {
+    for (volatile unsigned int i = 0; i < turns; i = i + 1) {
+    }
+}
+
+// Each message comes when the reader has taken the last one and is about to sleep, now a little sooner, now
 // later.
 TEST_F(ShmSegment, noWakeUpIsLostOnTheBrinkOfSleep) {
     const EndlessSleeps endlessSleeps;
@@ -1353,15 +1358,16 @@ TEST_F(ShmSegment, noWakeUpIsLostOnTheBrinkOfSleep) {
         for (unsigned int i = 0; i < messages; ++i) {
             while (writer.queueMgr().msgsRead() != i) {
             }
-            for (volatile unsigned int pause = 0; pause < i % 100; pause = pause + 1) {
-            }
             writer.write(&i, sizeof i);
         }
     });
     NwShmMsgQueueReader reader(segment.queue(), segment.capacity(), segment.semId(), 0, false, false, false);
-    int result;
-    std::uint64_t room;
-    for (unsigned int i = 0; i < messages; ++i) reader.read(&room, 1, &result);
+    for (unsigned int i = 0; i < messages; ++i) {
+        int result;
+        std::uint64_t room;
+        reader.read(&room, 1, &result);
+        spin(i % 251);
+    }
     other.join();
     EXPECT_EQ(reader.msgsRcvd(), messages);
 }
