@@ -178,7 +178,9 @@ public:
     void setInternal(bool on);
     bool isInternal() const;
 
-    // Statistics, any time, from either side; modulo 2^32 where they are unsigned int.
+    // What the queue says of itself, any time, from either side; counts are modulo 2^32 where they are
+    // unsigned int. The other side can change these numbers: a server that must not be misled asks its
+    // writer.
     unsigned int msgsWritten() const;
     unsigned int msgsRead() const;
     std::uint64_t msgsDropped() const;
@@ -206,8 +208,9 @@ protected:
 class NWUTIL_API NwShmMsgQueueReader {
 public:
     // `queue` and `capacity` as for the manager (the trailer's 16 bytes are not part of the capacity).
-    // `semId` is the semaphore set; negative: there is none, and reads never wait. `wakeSemaphore` is the
-    // number of the one to sleep on, usually NwShmWakeSemaphore; the other one tells of the server's life.
+    // `semId` is the semaphore set; negative: there is none, reads never wait, and nothing tells of the
+    // server's life. `wakeSemaphore` is the number of the one to sleep on: NwShmWakeSemaphore in the set of a
+    // segment below.
     //
     // `nonBlocking`: as if setBlockingRead(false) followed. `skipBacklog`: what has been written before now
     // is not read. `clearAway`: when the server is found dead, this reader removes what it has left, the set
@@ -227,8 +230,9 @@ public:
     //
     // While the queue is empty, a blocking read waits until there is a message, the queue is over, the
     // server has died, or a signal handler has run (NwShmReadNothing, so that a program can look at what
-    // its handler has noted). A non-blocking one returns; it notices a server that was killed within 50 ms of
-    // being called. Once a read has reported that the queue is over, all further ones do.
+    // its handler has noted). A non-blocking one returns; it asks whether the server lives
+    // once in 50 ms at most. Once a read has reported that the queue is over, all further ones do, unless
+    // something is in it after all.
     virtual int read(void* buffer, int capacity8, int* result);
 
     NwShmMsgQueueMgr& queueMgr() { return mgr; }
@@ -303,7 +307,11 @@ public:
     NwShmMsgQueueMgr& queueMgr() { return mgr; }
     const NwShmMsgQueueMgr& queueMgr() const { return mgr; }
 
+    // The server's own numbers, which no client can change: messages put in (modulo 2^32) and dropped, and
+    // the most bytes of the ring that were ever in use, to within a 64th of it.
+    unsigned int msgsSent() const { return messages; }
     std::uint64_t dropped() const { return droppedCount; }
+    unsigned int highWaterBytes() const { return highWater; }
 
 private:
     NWUTIL_LOCAL bool lookWhatWasRead();
