@@ -2,6 +2,10 @@
 // The socket base class: a bundle per destination on the way out, four header filters on the way in.
 #include <cvNetworkCompatibility/cvSocket.h>
 
+#include <cvNetworkCompatibility/cvAsyncSocket.h>
+#include <cvNetworkCompatibility/cvClientSocket.h>
+#include <cvNetworkCompatibility/cvNetSocket.h>
+
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -15,8 +19,10 @@
 
 #include <cvutil/cvMath.h>
 #include <cvutil/cvOutput.h>
+#include <cvutil/cvPacketServer.h>
 
 #include "cvDisHeader.h"
+#include "cvFilterValue.h"
 #include "cvSetting.h"
 
 // --- process-wide settings -----------------------------------------------------------------------------
@@ -53,18 +59,9 @@ int NwSocket::getConfig(const char* /*device*/, int fd, ifconf* conf) {
 
 namespace {
 
-// A list item carries its value in the data pointer: no allocation for each value.
-void* asItemData(unsigned int value) {
-    return reinterpret_cast<void*>(static_cast<std::uintptr_t>(value));
-}
-
-unsigned int valueOf(const NwListItem* item) {
-    return static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(item->data()));
-}
-
 NwListItem* findValue(const NwList& list, unsigned int value) {
     NwListItem* item = list.first();
-    while (item && valueOf(item) != value) item = item->next();
+    while (item && nwFilterValue(item) != value) item = item->next();
     return item;
 }
 
@@ -99,7 +96,7 @@ void NwFilterTest::setTest(NwTestOperator newOperator, int count, unsigned int* 
 }
 
 void NwFilterTest::extendTest(int count, unsigned int* newValues) {
-    for (int i = 0; i < count; ++i) values.add(asItemData(newValues[i]));
+    for (int i = 0; i < count; ++i) values.add(nwAsItemData(newValues[i]));
 }
 
 void NwFilterTest::reduceTest(int count, unsigned int* oldValues) {
@@ -322,4 +319,18 @@ int NwQueueSocket::NwRecv(char* buf, unsigned long maxLen) {
     std::free(packet->data);
     delete packet;
     return length;
+}
+
+// --- the default socket ----------------------------------------------------------------------------------
+
+NwSocket* NwNewDfltSocket(int port, unsigned int addr, bool async) {
+    const unsigned char readWrite = NwNetSocketRead | NwNetSocketWrite;
+    const int server = NwPacketServerIsAlive(port);
+    if (server == -1)  // and on, as if no server ran: meant; also while sockets are quiet
+        NwWarn(
+            "             NwNewDfltSocket: a packet server from 2.3.2 or before appears to be running\n"
+            "             this application works with servers from 2.3.3 or later\n");
+    if (server == 1) return new NwClientSocket(port, addr, -1, NwClientSocket::defaultFlags);
+    if (async) return new NwAsyncNetSocket(port, addr, readWrite, 0u);
+    return new NwNetSocket(port, addr, readWrite, 0u);
 }

@@ -296,4 +296,16 @@ protected:
     int recvBufferSize;  // NwMaxPacketSize() at construction, as given
 };
 
+// The socket for a port, whatever carries it: a packet-server client (NwClientSocket) when a packet server
+// runs for the port on this host, else a UDP socket that opens the port itself, asynchronous
+// (NwAsyncNetSocket) if asked for.
+//
+//     NwSocket* socket = NwNewDfltSocket(3000, NwUSE_DEFAULT_IP_ADDR, false);
+//
+// addr is the destination, and the group to listen to if it is multicast (host byte order; 0: the broadcast
+// address of the host's first interface). The caller deletes the socket. Never null: look at isOk(), unless
+// NwNetSocket::initErrorAction ends the process first. A server too old to be used is reported on NwWarn and
+// counts as none.
+CVNC_API NwSocket* NwNewDfltSocket(int port, unsigned int addr, bool async);
+
 #endif
