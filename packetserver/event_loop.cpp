@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "event_loop.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace packetserver {
+
+EventLoop::EventLoop() : epollFd_(::epoll_create1(EPOLL_CLOEXEC)) {}
+
+EventLoop::~EventLoop() {
+    if (epollFd_ >= 0) ::close(epollFd_);
+}
+
+bool EventLoop::add(int fd, Handler handler) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) return false;
+    handlers_[fd] = std::move(handler);
+    return true;
+}
+
+void EventLoop::remove(int fd) {
+    if (handlers_.erase(fd) != 0) ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void EventLoop::runOnce(std::chrono::milliseconds limit) {
+    epoll_event events[32];
+    const int count = ::epoll_wait(epollFd_, events, 32, static_cast<int>(limit.count()));
+    for (int i = 0; i < count; ++i) {
+        const auto found = handlers_.find(events[i].data.fd);
+        if (found == handlers_.end()) continue;  // removed by one that was called before
+        const Handler handler = found->second;
+        handler();
+    }
+}
+
+}  // namespace packetserver

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "options.h"
+
+#include <arpa/inet.h>
+#include <grp.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <pwd.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include <cvutil/cvInetAddr.h>
+
+namespace packetserver {
+
+namespace {
+
+constexpr unsigned mostClients = 4000;
+constexpr unsigned long leastQueueBytes = 256UL << 10;  // holds the largest datagram, whatever lies in front
+constexpr unsigned long mostQueueBytes = 1UL << 30;
+
+const char* const description =
+    "Owns UDP ports for several applications of this host: hands every packet to every client that wants it, "
+    "filtered for each, through shared memory.";
+
+const char* const footer =
+    "Example:\n"
+    "  cvpacketserver --port 3000 --group 239.1.2.3 --stats 10\n"
+    "  (then, in other terminals: cvnet recv --server --port 3000)\n\n"
+    "Clients find the server by themselves. Exit status: 0 after an orderly stop, 1 after a failure, 2 for a "
+    "usage error.";
+
+/// The address of an interface, given as such or by its name; nothing when there is none.
+std::optional<NwIpv4Addr> interfaceAddress(const std::string& text) {
+    NwIpv4Addr address = 0;
+    if (NwInetAddrFromString(text.c_str(), &address)) return address;
+    ifaddrs* first = nullptr;
+    if (::getifaddrs(&first) != 0) return std::nullopt;
+    std::optional<NwIpv4Addr> found;
+    for (const ifaddrs* entry = first; entry != nullptr && !found; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET || text != entry->ifa_name)
+            continue;
+        found = ntohl(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr.s_addr);
+    }
+    ::freeifaddrs(first);
+    return found;
+}
+
+std::optional<unsigned> number(const std::string& text) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 9)
+        return std::nullopt;
+    return static_cast<unsigned>(std::stoul(text));
+}
+
+std::optional<unsigned> userId(const std::string& text) {
+    const passwd* user = ::getpwnam(text.c_str());
+    return user != nullptr ? std::optional<unsigned>(user->pw_uid) : number(text);
+}
+
+std::optional<unsigned> groupId(const std::string& text) {
+    const group* found = ::getgrnam(text.c_str());
+    return found != nullptr ? std::optional<unsigned>(found->gr_gid) : number(text);
+}
+
+/// Runs `read` on each text and hands what it gives to `keep`; refuses what it does not know.
+template <class Read, class Keep>
+void convert(const std::vector<std::string>& texts, const char* what, Read read, Keep keep) {
+    for (const std::string& text : texts) {
+        const auto value = read(text);
+        if (!value) throw CLI::ValidationError(fmt::format("{}: {}", what, text));
+        keep(*value);
+    }
+}
+
+}  // namespace
+
+std::optional<Options> readOptions(int argc, char** argv, int* status) {
+    Options options;
+    ServerSettings& server = options.server;
+    std::string interface;
+    std::vector<std::string> groups;
+    std::vector<std::string> users;
+    std::vector<std::string> userGroups;
+    bool keepsBundles = false;
+
+    CLI::App app(description, "cvpacketserver");
+    app.footer(footer);
+    app.set_version_flag("--version", "cvpacketserver " PACKETSERVER_VERSION);
+    app.add_option("--port", options.ports, "UDP port to serve; may be given several times")
+        ->required()
+        ->check(CLI::Range(1, 65535));
+    app.add_option("--interface", interface,
+                   "interface for multicast, by address or name (the system's choice)");
+    app.add_option("--group", groups, "multicast group to join for good; may be given several times");
+    app.add_option("--clients", server.clients, "clients at once, for each port (32)")
+        ->check(CLI::Range(1U, mostClients));
+    app.add_option("--queue", server.queueBytes, "bytes of each client's queue, also as 512k or 16m (4m)")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(leastQueueBytes, mostQueueBytes));
+    app.add_flag("--internal", server.isInternal,
+                 "start in internal mode: packets of other hosts are dropped");
+    app.add_flag("--no-unbundle", keepsBundles, "hand datagrams over whole unless a client wishes otherwise");
+    app.add_option(
+        "--run-dir", server.directory,
+        "directory of the request sockets (/run/cvpacketserver for root and services, else one of the "
+        "user's own in /tmp)");
+    app.add_option("--allow-user", users,
+                   "user who may attach besides the server's own and root; repeatable");
+    app.add_option("--allow-group", userGroups, "group whose members may attach; repeatable");
+    app.add_flag("--allow-all", server.permissions.everybody, "everybody may attach");
+    app.add_flag("--allow-control", server.permissions.control,
+                 "whoever may attach may stop the server and switch its mode");
+    app.add_option("--stats", options.statisticsSeconds, "log statistics every so many seconds (never)")
+        ->check(CLI::Range(1U, 86400U));
+    app.add_flag("--json", options.isJson, "log JSON lines, on standard output");
+    app.add_option("--log", options.logFile, "log to this file instead; SIGHUP opens it anew");
+    try {
+        app.parse(argc, argv);
+        server.unbundles = !keepsBundles;
+        if (!interface.empty()) {
+            const auto address = interfaceAddress(interface);
+            if (!address) throw CLI::ValidationError("--interface: no such interface: " + interface);
+            server.interface = *address;
+        }
+        const auto groupAddress = [](const std::string& text) {
+            NwIpv4Addr address = 0;
+            const bool isGroup = NwInetAddrFromString(text.c_str(), &address) && NwIsMulticastAddr(address);
+            return isGroup ? std::optional<NwIpv4Addr>(address) : std::nullopt;
+        };
+        convert(groups, "--group: no multicast address", groupAddress,
+                [&](NwIpv4Addr group) { server.groups.push_back(group); });
+        convert(users, "--allow-user: no such user", userId,
+                [&](unsigned id) { server.permissions.users.insert(id); });
+        convert(userGroups, "--allow-group: no such group", groupId,
+                [&](unsigned id) { server.permissions.groups.insert(id); });
+    } catch (const CLI::Success& done) {
+        *status = app.exit(done);
+        return std::nullopt;
+    } catch (const CLI::Error& error) {
+        std::cerr << "cvpacketserver: " << error.what() << " (see cvpacketserver --help)\n";
+        *status = 2;
+        return std::nullopt;
+    }
+    return options;
+}
+
+}  // namespace packetserver

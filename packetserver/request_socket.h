@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Where clients reach the server: one Unix datagram socket for each port, and the lock that keeps a second
+// server away.
+#ifndef PACKETSERVER_REQUEST_SOCKET_H
+#define PACKETSERVER_REQUEST_SOCKET_H
+
+#include <sys/types.h>
+
+#include <string>
+
+#include <cvutil/cvPacketServerMsgs.h>
+
+namespace packetserver {
+
+/// Who sent a request, as the system says.
+struct Sender {
+    pid_t pid = 0;
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+class RequestSocket {
+public:
+    /// Opens the socket for `port` in `directory`, for everybody or the own user alone. On failure isOk() is
+    /// false and problem() says why, in one line.
+    RequestSocket(const std::string& directory, int port, bool isForEverybody);
+    /// Removes the path and the lock file.
+    ~RequestSocket();
+    RequestSocket(const RequestSocket&) = delete;
+    RequestSocket& operator=(const RequestSocket&) = delete;
+
+    bool isOk() const { return fd_ >= 0; }
+    const std::string& problem() const { return problem_; }
+    int fd() const { return fd_; }
+    const std::string& path() const { return path_; }
+
+    enum class Result { nothing, request, refused };
+    /// Takes the next datagram. A request is checked in form and filled up with zeros; `why` tells what is
+    /// wrong with one that is refused.
+    Result next(NwCsMsg& request, Sender& sender, const char*& why);
+
+private:
+    bool lock();
+    bool open(bool isForEverybody);
+    bool fail(const std::string& what);
+
+    std::string path_;
+    std::string problem_;
+    int lockFd_ = -1;
+    int fd_ = -1;
+};
+
+}  // namespace packetserver
+
+#endif

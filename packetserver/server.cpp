@@ -1,0 +1,443 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Datagrams and requests take turns in bursts, so that a flood of either starves nobody.
+#include "server.h"
+
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <cvutil/cvPacketServer.h>
+
+namespace packetserver {
+
+namespace {
+
+constexpr int packetsInBurst = 256;
+constexpr int requestsInBurst = 64;
+constexpr int receiveBufferBytes = 8 << 20;
+/// A control-only client is sent states, warnings and notices: room for the answer about all clients, and
+/// more.
+constexpr unsigned long controlQueueBytes = 256UL << 10;
+constexpr unsigned long controlQueueBytesPerClient = 256;
+
+bool isLoopback(NwIpv4Addr address) {
+    return address >> 24 == 127;
+}
+
+}  // namespace
+
+// --- start and end ---------------------------------------------------------------------------------------
+
+Server::Server(int port, const ServerSettings& settings, EventLoop& loop, Log& log)
+    : port_(port),
+      settings_(settings),
+      loop_(loop),
+      log_(log),
+      since_(std::chrono::steady_clock::now()),
+      groups_(settings.interface),
+      isInternal_(settings.isInternal),
+      unbundles_(settings.unbundles) {}
+
+Server::~Server() {
+    if (socket_) loop_.remove(socket_->readFd());
+    if (requests_) loop_.remove(requests_->fd());
+    for (const auto& entry : clients_) entry.second->sendAway(NwCsNoticeStopped);
+    while (!clients_.empty()) detach(clients_.begin(), "server stopped");
+}
+
+bool Server::start() {
+    requests_ = std::make_unique<RequestSocket>(settings_.directory, port_, settings_.permissions.isShared());
+    if (!requests_->isOk()) {
+        problem_ = requests_->problem();
+        return false;
+    }
+    NwShmMsgQueueSegment::removeLeftovers(port_,
+                                          static_cast<int>(settings_.clients + settings_.controlClients));
+    errno = 0;
+    socket_ = std::make_unique<PortSocket>(port_);
+    if (!socket_->isOk()) {
+        problem_ = fmt::format("cannot open UDP port {}: {}", port_, std::strerror(errno));
+        return false;
+    }
+    socket_->setReceiveBufferSize(receiveBufferBytes);  // as much of it as the system grants
+    for (const NwIpv4Addr group : settings_.groups) {
+        if (groups_.wish(group)) continue;
+        problem_ = fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno));
+        return false;
+    }
+    if (!loop_.add(socket_->readFd(), [this] { readPackets(); }) ||
+        !loop_.add(requests_->fd(), [this] { readRequests(); })) {
+        problem_ = fmt::format("cannot wait for packets: {}", std::strerror(errno));
+        return false;
+    }
+    log_.event(
+        {{"event", "serving"}, {"port", port_}, {"path", requests_->path()}, {"internal", isInternal_}},
+        fmt::format("serving port {} at {}{}", port_, requests_->path(), isInternal_ ? " (internal)" : ""));
+    return true;
+}
+
+// --- packets ---------------------------------------------------------------------------------------------
+
+void Server::readPackets() {
+    PortSocket::Packet packet;
+    for (int i = 0; i < packetsInBurst || socket_->dataLeftInCurrentBundle(); ++i) {
+        if (!socket_->next(packet)) break;
+        const NwIpv4Addr source = socket_->lastSourceInetAddr();
+        if (isInternal_ && !isLoopback(source)) {
+            if (packet.isFirst) ++outsideDropped_;
+            continue;
+        }
+        ++packets_;
+        distribute(packet, source);
+    }
+    publish();
+}
+
+// A client that takes datagrams whole gets them with their first packet.
+void Server::distribute(const PortSocket::Packet& packet, NwIpv4Addr source) {
+    for (const auto& entry : clients_) {
+        Client& client = *entry.second;
+        if (client.isControlOnly()) continue;
+        if (client.unbundles) {
+            client.offer(packet.bytes, packet.length, source);
+        } else if (packet.isFirst) {
+            client.offer(packet.bytes, packet.datagramLength, source);
+        }
+    }
+}
+
+void Server::publish() {
+    for (const auto& entry : clients_) entry.second->publish();
+}
+
+// --- requests --------------------------------------------------------------------------------------------
+
+void Server::readRequests() {
+    NwCsMsg request;
+    Sender sender;
+    for (int i = 0; i < requestsInBurst; ++i) {
+        const char* why = nullptr;
+        const RequestSocket::Result result = requests_->next(request, sender, why);
+        if (result == RequestSocket::Result::nothing) break;
+        if (result == RequestSocket::Result::request) {
+            serve(request, sender);
+        } else if (refusedRequests_++ == 0) {  // a flood of them is told once, and counted
+            log_.event({{"event", "request refused"}, {"port", port_}, {"pid", sender.pid}, {"reason", why}},
+                       fmt::format("port {}: request of process {} refused: {}; later ones are counted only",
+                                   port_, sender.pid, why));
+        }
+    }
+    publish();
+}
+
+void Server::serve(const NwCsMsg& request, const Sender& sender) {
+    switch (request.kind) {
+        case NwCsKindAddClient:
+            attach(NwCsAddClientMsg(-1, &request), sender);
+            break;
+        case NwCsKindFilter:
+            setFilter(NwCsFilterMsg(-1, &request), sender);
+            break;
+        case NwCsKindMulticastReq:
+            changeGroups(NwCsMulticastReqMsg(-1, &request), sender);
+            break;
+        default:
+            control(NwCsControlReqMsg(-1, &request), sender);
+    }
+}
+
+void Server::attach(const NwCsAddClientMsg& request, const Sender& sender) {
+    auto notify = std::make_unique<NotifySocket>(request.notifyPath(), sender.uid);
+    const bool isControlOnly = (request.flags() & NwCsClientControlOnly) != 0;
+    if (!notify->problem().empty()) return refuse(*notify, sender, "the notify path " + notify->problem());
+    if (!settings_.permissions.mayAttach(sender.uid, sender.gid))
+        return refuse(*notify, sender, "this user may not attach");
+    if (!hasPlace(isControlOnly)) {
+        NwCsQuotaMsg(notify->fd()).send();
+        log_.event({{"event", "quota"}, {"port", port_}, {"pid", sender.pid}},
+                   fmt::format("port {}: process {} turned away: no place left", port_, sender.pid));
+        return;
+    }
+    auto client = std::make_unique<Client>(nextId_, freeSlot(), request.flags(), sender, std::move(notify));
+    client->unbundles = unbundles_;
+    const unsigned long wanted = isControlOnly
+                                     ? controlQueueBytes + controlQueueBytesPerClient * settings_.clients
+                                     : settings_.queueBytes;
+    if (!client->makeQueue(port_, NwShmMsgQueueMgr::bytesFor(wanted))) {
+        const std::string why = fmt::format("no shared memory for a queue: {}", std::strerror(errno));
+        return refuse(client->notify(), sender, why);
+    }
+    if (!client->acknowledge(isInternal_)) return;  // it has given up; its queue goes with the object
+    nextId_ = nextId_ < 0x7FFFFFFF ? nextId_ + 1 : 1;
+    watchEnd(*client);
+    logClient(
+        "attached", *client,
+        fmt::format("client {} attached: process {} ({})", client->id(), sender.pid, client->program()));
+    clients_[client->id()] = std::move(client);
+}
+
+// A process that has ended is told of once: a child of it may go on with the queue, which tick() looks after.
+void Server::watchEnd(const Client& client) {
+    const int pidFd = client.pidFd();
+    if (pidFd < 0) return;
+    loop_.add(pidFd, [this, pidFd] {
+        loop_.remove(pidFd);
+        reap();
+    });
+}
+
+// Looks among the dead before it says no.
+bool Server::hasPlace(bool isControlOnly) {
+    const unsigned limit = isControlOnly ? settings_.controlClients : settings_.clients;
+    if (count(isControlOnly) >= limit) reap();
+    return count(isControlOnly) < limit;
+}
+
+unsigned Server::count(bool controlOnly) const {
+    return static_cast<unsigned>(std::count_if(clients_.begin(), clients_.end(), [=](const auto& entry) {
+        return entry.second->isControlOnly() == controlOnly;
+    }));
+}
+
+int Server::freeSlot() const {
+    int slot = 0;
+    const auto isTaken = [&slot](const auto& entry) { return entry.second->slot() == slot; };
+    while (std::any_of(clients_.begin(), clients_.end(), isTaken)) ++slot;
+    return slot;
+}
+
+void Server::refuse(NotifySocket& notify, const Sender& sender, const std::string& why) {
+    if (notify.fd() >= 0) {
+        NwCsWarningMsg warning(nullptr, NwCsWarningRefused, 0, why.c_str());
+        ::send(notify.fd(), &warning.bytes(), static_cast<std::size_t>(warning.size()), MSG_DONTWAIT);
+    }
+    log_.event(
+        {{"event", "refused"}, {"port", port_}, {"pid", sender.pid}, {"uid", sender.uid}, {"reason", why}},
+        fmt::format("port {}: process {} of user {} refused: {}", port_, sender.pid, sender.uid, why));
+}
+
+Client* Server::clientOf(unsigned id, const Sender& sender, const char* what) {
+    const auto found = clients_.find(static_cast<int>(id));
+    if (found == clients_.end()) return nullptr;  // it has gone meanwhile
+    if (found->second->isOwnedBy(sender)) {
+        found->second->noteAttached();
+        return found->second.get();
+    }
+    if (refusedRequests_++ == 0)
+        log_.event(
+            {{"event", "request refused"}, {"port", port_}, {"pid", sender.pid}, {"reason", "not its own"}},
+            fmt::format("port {}: {} of process {} for another user's client {} refused", port_, what,
+                        sender.pid, id));
+    return nullptr;
+}
+
+void Server::setFilter(const NwCsFilterMsg& request, const Sender& sender) {
+    Client* client = clientOf(request.clientId(), sender, "filter");
+    if (client != nullptr && !client->filter.apply(request)) warn(*client, "the filter's list is full");
+}
+
+void Server::changeGroups(const NwCsMulticastReqMsg& request, const Sender& sender) {
+    Client* client = clientOf(request.clientId(), sender, "group request");
+    if (client == nullptr) return;
+    const NwIpv4Addr group = request.group();
+    if (!NwIsMulticastAddr(group)) return warn(*client, "no multicast address");
+    if (request.op() == NwCsMulticastLeave) {
+        if (client->groups.erase(group) != 0) groups_.unwish(group);
+    } else if (client->groups.count(group) == 0) {
+        if (groups_.wish(group))
+            client->groups.insert(group);
+        else
+            warn(*client, fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno)));
+    }
+}
+
+void Server::control(const NwCsControlReqMsg& request, const Sender& sender) {
+    Client* client = clientOf(request.clientId(), sender, "control request");
+    if (client == nullptr) return;
+    switch (request.request()) {
+        case NwCsRequestExternal:
+            return setInternal(*client, false);
+        case NwCsRequestInternal:
+            return setInternal(*client, true);
+        case NwCsRequestTestClients:
+            reap();
+            return tellAll(NwCsNoticeTest);
+        case NwCsRequestPingClients:
+            return pingAll();
+        case NwCsRequestState:
+            return sendState(*client);
+        case NwCsRequestClientStates:
+            return sendClientStates(*client);
+        case NwCsRequestTerminate:
+            if (mayControl(*client, "to stop the server")) isAskedToStop_ = true;
+            return;
+        case NwCsRequestDisconnect:
+            return detach(clients_.find(client->id()), "disconnected");
+        default:
+            return setUnbundling(*client, request.request() == NwCsRequestUnbundlingOn);
+    }
+}
+
+bool Server::mayControl(Client& asking, const char* what) {
+    if (settings_.permissions.mayControl(asking.sender().uid)) return true;
+    warn(asking, fmt::format("not allowed {}", what));
+    return false;
+}
+
+void Server::setInternal(Client& asking, bool on) {
+    if (!mayControl(asking, "to switch the server's mode") || isInternal_ == on) return;
+    isInternal_ = on;
+    for (const auto& entry : clients_) entry.second->writer()->queueMgr().setInternal(on);
+    tellAll(on ? NwCsNoticeInternal : NwCsNoticeExternal);
+    log_.event({{"event", "mode"}, {"port", port_}, {"internal", on}},
+               fmt::format("port {}: {} now", port_, on ? "internal" : "external"));
+}
+
+// An ordinary client speaks for itself, a control-only one for those to come.
+void Server::setUnbundling(Client& asking, bool on) {
+    if (!asking.isControlOnly()) {
+        asking.unbundles = on;
+    } else if (mayControl(asking, "to change the server's unbundling")) {
+        unbundles_ = on;
+        tellAll(on ? NwCsNoticeUnbundlingOn : NwCsNoticeUnbundlingOff);
+    }
+}
+
+void Server::sendState(Client& asking) {
+    NwCsStateReturnRecord state{};
+    state.internal = isInternal_ ? 1 : 0;
+    state.unbundling = unbundles_ ? 1 : 0;
+    state.port = static_cast<std::uint32_t>(port_);
+    state.pid = ::getpid();
+    state.interfaceAddr = settings_.interface;
+    state.clients = count(false);
+    state.clientLimit = settings_.clients;
+    state.controlClients = count(true);
+    state.controlLimit = settings_.controlClients;
+    state.queueBytes = static_cast<std::uint32_t>(settings_.queueBytes);
+    state.groups = static_cast<std::uint32_t>(groups_.count());
+    state.upSeconds = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - since_).count());
+    state.datagrams = socket_->datagrams();
+    state.packets = packets_;
+    state.kernelDropped = kernelDropped();
+    state.outsideDropped = outsideDropped_;
+    std::memcpy(state.serverVersion, PACKETSERVER_VERSION, sizeof PACKETSERVER_VERSION);
+    NwCsStateReturnMsg answer(asking.writer(), state);
+    asking.tell(answer);
+}
+
+void Server::sendClientStates(Client& asking) {
+    reap();
+    std::uint32_t index = 0;
+    for (const auto& entry : clients_) {
+        NwCsCStateReturnRecord state = entry.second->state();
+        state.index = index++;
+        state.count = static_cast<std::uint32_t>(clients_.size());
+        NwCsCStateReturnMsg answer(asking.writer(), state);
+        asking.tell(answer);
+    }
+}
+
+void Server::tellAll(NwCsNoticeCode code) {
+    for (const auto& entry : clients_) {
+        NwCsNoticeMsg notice(entry.second->writer(), static_cast<unsigned short>(code));
+        entry.second->tell(notice);
+    }
+}
+
+void Server::pingAll() {
+    reap();
+    for (const auto& entry : clients_) {
+        NwCsPingMsg ping(entry.second->writer());
+        entry.second->tell(ping);
+    }
+}
+
+void Server::warn(Client& client, const std::string& text) {
+    NwCsWarningMsg warning(client.writer(), NwCsWarningRefused, 0, text.c_str());
+    client.tell(warning);
+}
+
+// --- clients that go -------------------------------------------------------------------------------------
+
+void Server::detach(Clients::iterator client, const char* how) {
+    const Client& leaving = *client->second;
+    const Client::Counts& counts = leaving.counts();
+    logClient("detached", leaving,
+              fmt::format("client {} {}: {} delivered, {} filtered, {} dropped", leaving.id(), how,
+                          counts.delivered, counts.filtered, counts.dropped));
+    for (const NwIpv4Addr group : leaving.groups) groups_.unwish(group);
+    if (leaving.pidFd() >= 0) loop_.remove(leaving.pidFd());
+    client->second->notify().removePath();
+    clients_.erase(client);
+}
+
+void Server::reap() {
+    for (auto client = clients_.begin(); client != clients_.end();) {
+        const auto next = std::next(client);
+        if (client->second->hasGone()) detach(client, "gone");
+        client = next;
+    }
+}
+
+void Server::tick() {
+    reap();
+    publish();
+}
+
+// --- what happened ---------------------------------------------------------------------------------------
+
+std::uint64_t Server::kernelDropped() const {
+    std::uint32_t figures[SK_MEMINFO_VARS] = {};
+    socklen_t length = sizeof figures;
+    if (::getsockopt(socket_->readFd(), SOL_SOCKET, SO_MEMINFO, figures, &length) != 0) return 0;
+    return length > SK_MEMINFO_DROPS * sizeof figures[0] ? figures[SK_MEMINFO_DROPS] : 0;
+}
+
+void Server::logClient(const char* event, const Client& client, const std::string& words) {
+    log_.event({{"event", event},
+                {"port", port_},
+                {"client", client.id()},
+                {"pid", client.sender().pid},
+                {"uid", client.sender().uid},
+                {"program", client.program()},
+                {"control_only", client.isControlOnly()},
+                {"delivered", client.counts().delivered},
+                {"filtered", client.counts().filtered},
+                {"dropped", client.counts().dropped},
+                {"queue_bytes", client.queueBytes()},
+                {"queue_high_water", client.queueHighWater()}},
+               fmt::format("port {}: {}", port_, words));
+}
+
+void Server::logStatistics() {
+    log_.event({{"event", "statistics"},
+                {"port", port_},
+                {"clients", count(false)},
+                {"datagrams", socket_->datagrams()},
+                {"packets", packets_},
+                {"dropped_by_kernel", kernelDropped()},
+                {"dropped_from_outside", outsideDropped_},
+                {"requests_refused", refusedRequests_}},
+               fmt::format("port {}: {} clients, {} datagrams, {} packets, {} dropped by the kernel", port_,
+                           count(false), socket_->datagrams(), packets_, kernelDropped()));
+    for (const auto& entry : clients_) {
+        const Client& client = *entry.second;
+        logClient(
+            "client statistics", client,
+            fmt::format("client {} ({}): {} delivered, {} filtered, {} dropped, queue at most {} of {} bytes",
+                        client.id(), client.program(), client.counts().delivered, client.counts().filtered,
+                        client.counts().dropped, client.queueHighWater(), client.queueBytes()));
+    }
+}
+
+}  // namespace packetserver
