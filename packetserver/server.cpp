@@ -410,12 +410,12 @@ void Server::logClient(const char* event, const Client& client, const std::strin
                 {"pid", client.sender().pid},
                 {"uid", client.sender().uid},
                 {"program", client.program()},
-                {"control_only", client.isControlOnly()},
+                {"controlOnly", client.isControlOnly()},
                 {"delivered", client.counts().delivered},
                 {"filtered", client.counts().filtered},
                 {"dropped", client.counts().dropped},
-                {"queue_bytes", client.queueBytes()},
-                {"queue_high_water", client.queueHighWater()}},
+                {"queueBytes", client.queueBytes()},
+                {"queueHighWater", client.queueHighWater()}},
                fmt::format("port {}: {}", port_, words));
 }
 
@@ -425,9 +425,9 @@ void Server::logStatistics() {
                 {"clients", count(false)},
                 {"datagrams", socket_->datagrams()},
                 {"packets", packets_},
-                {"dropped_by_kernel", kernelDropped()},
-                {"dropped_from_outside", outsideDropped_},
-                {"requests_refused", refusedRequests_}},
+                {"kernelDropped", kernelDropped()},
+                {"outsideDropped", outsideDropped_},
+                {"requestsRefused", refusedRequests_}},
                fmt::format("port {}: {} clients, {} datagrams, {} packets, {} dropped by the kernel", port_,
                            count(false), socket_->datagrams(), packets_, kernelDropped()));
     for (const auto& entry : clients_) {

@@ -157,6 +157,7 @@ void NwClientSocket::init(int newPort, unsigned int newAddr, int clientArg, unsi
     internal = false;
     lastSource = 0;
     shmBase = nullptr;
+    endNotice_ = 0;
     const int size = NwMax(NwMaxPacketSize(), 0);
     const std::size_t bytes = NwMax(static_cast<std::size_t>(size) + kHeaderSize, sizeof(NwCsMsg));
     recvCapacity = static_cast<int>((bytes + 7) / 8);
@@ -364,7 +365,11 @@ int NwClientSocket::NwRecv(char** buf, int* status) {
     if (!guard()) return 0;
     int result = NwShmReadNothing;
     const int length = reader->read(recvBuffer.get(), recvCapacity, &result);
-    if (result == NwShmReadDismissed || result == NwShmReadStopped) return serverHasGone(result);
+    if (result == NwShmReadDismissed || result == NwShmReadStopped) {
+        ok = false;  // meant: nothing is released here
+        noteEnd(result == NwShmReadDismissed ? NwCsNoticeDismissed : NwCsNoticeStopped);
+        return 0;
+    }
     if (length < 1) {
         if (status) *status = result == NwShmReadNothing ? 0 : -1;
         return 0;
@@ -373,12 +378,10 @@ int NwClientSocket::NwRecv(char** buf, int* status) {
     return deliver(length, buf, status);
 }
 
-// Meant: nothing is released here.
-int NwClientSocket::serverHasGone(int result) {
-    ok = false;
-    NwCsNoticeMsg notice(nullptr, result == NwShmReadDismissed ? NwCsNoticeDismissed : NwCsNoticeStopped);
-    if (!isQuiet()) notice.print();
-    return 0;
+// Prints the notice that would say so, had the server sent it.
+void NwClientSocket::noteEnd(NwCsNoticeCode notice) {
+    endNotice_ = notice;
+    if (!isQuiet()) NwCsNoticeMsg(nullptr, static_cast<unsigned short>(notice)).print();
 }
 
 // Hands out the message of `length` bytes that lies in recvBuffer.
@@ -429,7 +432,9 @@ void NwClientSocket::processControlMsg(NwCsMsg* msg) {
         case NwCsKindNotice: {
             NwCsNoticeMsg notice(nullptr, msg);
             if (shown) notice.print();
-            if (notice.notice() == NwCsNoticeStopped || notice.notice() == NwCsNoticeDismissed) cleanup();
+            if (notice.notice() != NwCsNoticeStopped && notice.notice() != NwCsNoticeDismissed) break;
+            endNotice_ = notice.notice();
+            cleanup();
             break;
         }
         default:
@@ -440,8 +445,7 @@ void NwClientSocket::processControlMsg(NwCsMsg* msg) {
 void NwClientSocket::checkGoAway() {
     const int value = reader ? reader->queueMgr().getGoAway() : 0;
     if (!value) return;
-    NwCsNoticeMsg notice(nullptr, value == NwShmGoAwayStopped ? NwCsNoticeStopped : NwCsNoticeDismissed);
-    if (!isQuiet()) notice.print();
+    noteEnd(value == NwShmGoAwayStopped ? NwCsNoticeStopped : NwCsNoticeDismissed);
     cleanup();
 }
 

@@ -159,6 +159,9 @@ public:
     int readFd() override;   // the notify socket; -1 without one
     int writeFd() override;  // the request socket
     bool isOk() const override;
+    // How the server ended the attachment: NwCsNoticeStopped (2) when it stopped in order,
+    // NwCsNoticeDismissed (4) when it died or sent this client away; 0 otherwise.
+    int endNotice() const { return endNotice_; }
 
     // The steps of an attach that wait for an answer on the notify socket, 5 s at most. timedRecv reads one
     // datagram of at most size bytes to buf, sets *kind to its first byte, and returns its length, or 0.
@@ -193,6 +196,7 @@ protected:
     void* shmBase;
     std::unique_ptr<NwCsControlReqMsg> controlMsg;
     int recvCapacity;  // of recvBuffer, in units of 8 bytes
+    int endNotice_;
 
 private:
     CVNC_LOCAL bool attach(int clientArg, unsigned short flags);
@@ -206,7 +210,7 @@ private:
     CVNC_LOCAL bool guard();
     CVNC_LOCAL void request(NwCsControlRequest code);
     CVNC_LOCAL bool requestMulticast(NwCsMulticastOp op, unsigned int group, const char* what);
-    CVNC_LOCAL int serverHasGone(int result);
+    CVNC_LOCAL void noteEnd(NwCsNoticeCode notice);
     CVNC_LOCAL int deliver(int length, char** buf, int* status);
 };
 
