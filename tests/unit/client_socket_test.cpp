@@ -102,6 +102,12 @@ class ClientSocketTest : public ::testing::Test {
 protected:
     void SetUp() override {
         NwNetSocket::initErrorAction = 1;
+        renewServer();
+    }
+
+    // A server with an empty queue, at the place of the one before.
+    void renewServer() {
+        server.reset();
         server.reset(new FakePacketServer);
         server->makeQueue();
     }
@@ -447,9 +453,7 @@ TEST_F(ClientSocketTest, closingNoticesReleaseEverything) {
         EXPECT_EQ(1, attachments(server->segment.shmId()));
         client.reset();
         EXPECT_EQ(kNotOk, fatal.take());
-        // The queue is used again by the next round.
-        server.reset(new FakePacketServer);
-        server->makeQueue();
+        renewServer();
     }
 }
 
@@ -478,8 +482,7 @@ TEST_F(ClientSocketTest, serverThatIsGoneIsReportedWithoutRelease) {
         client.reset();
         EXPECT_EQ(kNotOk, fatal.take());
         EXPECT_TRUE(server->isEmpty());  // nothing is sent by a socket that is not ok
-        server.reset(new FakePacketServer);
-        server->makeQueue();
+        renewServer();
     }
 }
 
@@ -501,8 +504,7 @@ TEST_F(ClientSocketTest, goAwayIsSeenWhenAskedFor) {
         EXPECT_EQ("", fatal.take());
         client.reset();
         EXPECT_EQ(kNotOk, fatal.take());
-        server.reset(new FakePacketServer);
-        server->makeQueue();
+        renewServer();
     }
 }
 
@@ -566,8 +568,7 @@ TEST_F(ClientSocketTest, answersOfTheServer) {
     EXPECT_EQ(systemReport("timedRecv", EISDIR), messages.warn());
     EXPECT_EQ(127, kind);
     EXPECT_FALSE(client->isOk());
-    ::close(client->notifyFd);
-    client->notifyFd = 1000;  // no such descriptor
+    ::close(client->notifyFd);  // no descriptor any more
     EXPECT_EQ(0, client->timedRecv(bytes, 4, &kind));
     EXPECT_EQ(systemReport("NwClientSocket: NwSelect error", EBADF), messages.warn());
     client->notifyFd = notifyFd;
@@ -767,7 +768,7 @@ TEST(DefaultSocket, isAUdpSocketWithoutServer) {
     std::unique_ptr<NwSocket> socket(NwNewDfltSocket(port, kLoopback, false));
     EXPECT_NE(nullptr, dynamic_cast<NwNetSocket*>(socket.get()));
     EXPECT_TRUE(socket->isOk());
-    EXPECT_EQ("NetSocket ok for port " + std::to_string(port) + " to 127.0.0.1\n", messages.all());
+    EXPECT_EQ("NetSocket ok for port " + std::to_string(port) + " to 127.0.0.1\n", messages.info());
     NwSetPacketServerDirectory(nullptr);
 }
 
