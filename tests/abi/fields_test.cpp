@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <cvNetworkCompatibility/cvAsyncSocket.h>
+#include <cvNetworkCompatibility/cvClientSocket.h>
 #include <cvNetworkCompatibility/cvFileTransport.h>
 #include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
@@ -21,6 +22,9 @@
 #include <cvNetworkCompatibility/cvTcpForwarder.h>
 #include <cvNetworkCompatibility/cvTcpSocket.h>
 #include <cvNetworkCompatibility/cvTcpSocketMgr.h>
+#include <cvutil/cvOutput.h>
+#include <cvutil/cvPacketServer.h>
+#include <cvutil/cvShmMsgQueue.h>
 
 namespace {
 
@@ -318,6 +322,61 @@ public:
     }
 };
 
+class CsFilterTestFields : public NwCsFilterTest {
+public:
+    CsFilterTestFields() : NwCsFilterTest(-1, 0, 0) {}
+
+    static std::vector<Field> all() {
+        typedef NwCsFilterTest Owner;
+        typedef CsFilterTestFields Probe;
+        Probe probe;
+        return {FIELD(NwCsFilterMsg, msg)};
+    }
+};
+
+// One whose attach failed, for want of a server.
+class ClientSocketFields : public NwClientSocket {
+public:
+    ClientSocketFields()
+        : NwClientSocket(3000, loopbackAddr, -1, (unsigned short)NwClientSocket::defaultFlags) {}
+
+    static std::vector<Field> all() {
+        typedef NwClientSocket Owner;
+        typedef ClientSocketFields Probe;
+        typedef char Path[160];
+        NwSetPacketServerDirectory("/nonexistent");
+        NwSocket::setQuietSockets(true);
+        const NwFatalHandler former = NwSetFatalHandler([](const char*) {});
+        std::unique_ptr<Probe> made(new Probe);
+        const Probe& probe = *made;
+        const std::vector<Field> fields = {FIELD(double, timeout),
+                                           FIELD(std::unique_ptr<NwShmMsgQueueReader>, reader),
+                                           FIELD(NwNetSocket*, netSocket),
+                                           FIELD(bool, notifyPending),
+                                           FIELD(bool, ok),
+                                           FIELD(int, notifyFd),
+                                           FIELD(int, requestFd),
+                                           FIELD(int, clientId),
+                                           FIELD(std::unique_ptr<NwCsFilterTest>, exerciseIdTest),
+                                           FIELD(std::unique_ptr<NwCsFilterTest>, protocolVersionTest),
+                                           FIELD(std::unique_ptr<NwCsFilterTest>, pduKindTest),
+                                           FIELD(std::unique_ptr<NwCsFilterTest>, ipAddrTest),
+                                           FIELD(NwIpv4Addr, addr),
+                                           FIELD(Path, notifyPath),
+                                           FIELD(int, port),
+                                           FIELD(bool, internal),
+                                           FIELD(NwIpv4Addr, lastSource),
+                                           FIELD(std::unique_ptr<std::uint64_t[]>, recvBuffer),
+                                           FIELD(void*, shmBase),
+                                           FIELD(std::unique_ptr<NwCsControlReqMsg>, controlMsg)};
+        made.reset();
+        NwSetFatalHandler(former);
+        NwSocket::setQuietSockets(false);
+        NwSetPacketServerDirectory(nullptr);
+        return fields;
+    }
+};
+
 }  // namespace
 
 TEST(FieldOrder, ofTheFilterTest) {
@@ -389,6 +448,14 @@ TEST(FieldOrder, ofTheTcpForwarder) {
 
 TEST(FieldOrder, ofTheFileTransporter) {
     expectInOrder(FileTransporterFields::all(), kVirtualTablePointer, sizeof(NwFileTransporter));
+}
+
+TEST(FieldOrder, ofTheServersFilterTest) {
+    expectInOrder(CsFilterTestFields::all(), sizeof(NwFilterTest), sizeof(NwCsFilterTest));
+}
+
+TEST(FieldOrder, ofThePacketServersClient) {
+    expectInOrder(ClientSocketFields::all(), sizeof(NwSocket), sizeof(NwClientSocket));
 }
 
 TEST(FieldOrder, ofTheFileOnItsWayIn) {

@@ -249,6 +249,37 @@ const ClassSlots kFileTransporter = {
     },
     {}};
 
+const ClassSlots kCsFilterTest = {"NwCsFilterTest",
+                                  &kFilterTest,
+                                  {},
+                                  {
+                                      "setOperator(NwTestOperator)",
+                                      "extendTest(int, unsigned int*)",
+                                      "reduceTest(int, unsigned int*)",
+                                      "evalTest(char*, int, NwFilterType)",
+                                  }};
+
+const ClassSlots kClientSocket = {"NwClientSocket",
+                                  &kSocket,
+                                  {},
+                                  {
+                                      "sendTo(char*, unsigned long, unsigned int)",
+                                      "NwRecv(char**, int*)",
+                                      "NwRecv(char*, unsigned long)",
+                                      "setUnbundling(int)",
+                                      "lastSourceInetAddr()",
+                                      "NwBecomeNonBlocking()",
+                                      "notifyMe()",
+                                      "setMcastTtl(int)",
+                                      "exerciseId()",
+                                      "protocolVersion()",
+                                      "pduKind()",
+                                      "ipAddr()",
+                                      "readFd()",
+                                      "writeFd()",
+                                      "isOk() const",
+                                  }};
+
 const ClassSlots kMsg = {"NwClientServerMsg", nullptr, {"send()", "print()"}, {}, CVUTIL_LIBRARY};
 const ClassSlots kSocketMsg = {"NwSocketMsg", &kMsg, {}, {"send()"}, CVUTIL_LIBRARY};
 const ClassSlots kShmMsg = {"NwShmMsg", &kMsg, {}, {"send()"}, CVUTIL_LIBRARY};
@@ -276,9 +307,9 @@ const ClassSlots kCompanionClasses[] = {
     {"NwShmMsgQueueWriter", nullptr, {"write(void const*, unsigned int)"}, {}, CVUTIL_LIBRARY},
 };
 
-const ClassSlots kClasses[] = {kFilterTest, kSocket,       kNetSocket,    kQueueSocket,
-                               kPairSocket, kGroupSocket,  kAsyncPacket,  kAsyncSocket,
-                               kTcpSocket,  kTcpSocketMgr, kTcpForwarder, kFileTransporter};
+const ClassSlots kClasses[] = {kFilterTest,   kSocket,          kNetSocket,    kQueueSocket, kPairSocket,
+                               kGroupSocket,  kAsyncPacket,     kAsyncSocket,  kTcpSocket,   kTcpSocketMgr,
+                               kTcpForwarder, kFileTransporter, kCsFilterTest, kClientSocket};
 
 struct Slot {
     std::string operation;
