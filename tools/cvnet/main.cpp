@@ -25,17 +25,18 @@
 #include "recv.h"
 #include "relay.h"
 #include "send.h"
+#include "server.h"
 #include "stop_signal.h"
 #include "text.h"
 
 namespace cvnet {
 namespace {
 
-using Commands = std::array<std::unique_ptr<Command>, 6>;
+using Commands = std::array<std::unique_ptr<Command>, 7>;
 
 Commands makeCommands() {
-    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand(),
-            makeRelayCommand(),  makePushCommand(), makePullCommand()};
+    return {makeIfacesCommand(), makeSendCommand(), makeRecvCommand(),  makeRelayCommand(),
+            makePushCommand(),   makePullCommand(), makeServerCommand()};
 }
 
 // Started with one of them closed, the next socket or file would take its number, and lines meant for a

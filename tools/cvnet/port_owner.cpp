@@ -84,11 +84,12 @@ std::string commandOf(const std::string& pid) {
     return printable(command);
 }
 
-std::optional<PortOwner> ownerOf(const Inodes& inodes) {
-    if (inodes.empty()) return std::nullopt;
+// `known` is a process that is known to have one of the sockets, and is not looked for; 0: none.
+std::optional<PortOwner> ownerOf(const Inodes& inodes, int known) {
+    if (inodes.size() <= (known != 0 ? 1U : 0U)) return std::nullopt;
     const std::string self = std::to_string(::getpid());
     for (const std::string& pid : entriesOf("/proc")) {
-        if (pid == self || !holdsOneOf(pid, inodes)) continue;
+        if (pid == self || pid == std::to_string(known) || !holdsOneOf(pid, inodes)) continue;
         return PortOwner{std::atoi(pid.c_str()), commandOf(pid)};
     }
     return PortOwner{};
@@ -96,11 +97,11 @@ std::optional<PortOwner> ownerOf(const Inodes& inodes) {
 
 }  // namespace
 
-std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder) {
+std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder, int knownPid) {
     Inodes inodes;
     collectInodes("/proc/self/net/udp", "", port, addrHostOrder, inodes);
     collectInodes("/proc/self/net/udp6", "", port, addrHostOrder, inodes);
-    return ownerOf(inodes);
+    return ownerOf(inodes, knownPid);
 }
 
 std::optional<PortOwner> tcpPortOwner(unsigned port) {
@@ -108,7 +109,7 @@ std::optional<PortOwner> tcpPortOwner(unsigned port) {
     Inodes inodes;
     collectInodes("/proc/self/net/tcp", listening, port, 0, inodes);
     collectInodes("/proc/self/net/tcp6", listening, port, 0, inodes);
-    return ownerOf(inodes);
+    return ownerOf(inodes, 0);
 }
 
 std::string portOwnerText(const PortOwner& owner) {

@@ -16,8 +16,8 @@ struct PortOwner {
 };
 
 /// The first process other than this one with a UDP socket on `port` that takes datagrams to
-/// `addrHostOrder` (0: any address). Nothing when there is none.
-std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder);
+/// `addrHostOrder` (0: any address). Nothing when there is none, or none but a socket of `knownPid`.
+std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder, int knownPid = 0);
 
 /// The first process other than this one that listens on a TCP port.
 std::optional<PortOwner> tcpPortOwner(unsigned port);
