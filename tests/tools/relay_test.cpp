@@ -507,13 +507,13 @@ TEST(Relay, busyClientsAreServedInTurn) {
 }
 
 TEST(Relay, losesNothingInBundles) {
-    Relay relay({"--bundle", "1400", "--queue", "1000000"});
+    Relay relay({"--bundle", "4000", "--queue", "1000000"});
     TcpPeer a = relay.join(1), b = relay.join(2), sleeper = relay.join(3, 4096);
     std::string fromA, fromB, expected;
     std::vector<std::string> received(2);
     for (int i = 0; i < 3000; ++i) {
-        const std::string small = pdu(100 + i % 50, i, 7, 1);
-        const std::string large = pdu(i % 100 == 0 ? 5000 : 60, i, 7, 2);
+        const std::string small = pdu(1000 + i % 50, i, 7, 1);
+        const std::string large = pdu(i % 100 == 0 ? 5000 : 500, i, 7, 2);
         a.sendAll(small);
         b.sendAll(large);
         fromA += small;
@@ -535,7 +535,7 @@ TEST(Relay, losesNothingInBundles) {
     }
     const CvnetResult result = relay.stop();
     EXPECT_THAT(result.output, HasSubstr("; out 18000 packets, "));
-    EXPECT_THAT(result.output, HasSubstr("queues of 1000000 bundles of up to 1400 bytes"));
+    EXPECT_THAT(result.output, HasSubstr("queues of 1000000 bundles of up to 4000 bytes"));
     EXPECT_THAT(result.output, HasSubstr("dropped 0\n"));
 }
 
