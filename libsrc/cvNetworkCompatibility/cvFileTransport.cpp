@@ -64,9 +64,14 @@ void setField(char* message, int offset, unsigned int value) {
     *reinterpret_cast<NwNetU32*>(message + offset) = value;
 }
 
-// Prints a line whole, with its end, and flushes the stream.
+// Prints a line whole, with its end, and flushes the stream. Needs no memory.
+void warnLine(const char* line) {
+    NwWarn("%s\n", line);
+    NwWarn << std::flush;
+}
+
 void warnLine(const std::ostringstream& line) {
-    NwWarn << line.str() + '\n' << std::flush;
+    warnLine(line.str().c_str());
 }
 
 // The same for a text and a name; without the name when memory has ended.
@@ -75,7 +80,7 @@ void warnFile(const char* text, const NwFilename& file) try {
     line << text << file;
     warnLine(line);
 } catch (const std::bad_alloc&) {
-    NwWarn("%s\n", text);
+    warnLine(text);
 }
 
 void waitFor(int fd, short events) {
@@ -346,7 +351,7 @@ void NwFileTransporter::receiveFile(NwTcpSocket* sock) try {
     receive(reception);
 } catch (const std::bad_alloc&) {  // not even a message fits
     sock->shutDown();
-    NwWarn("%s\n", kNoMemory);
+    warnLine(kNoMemory);
 }
 
 void NwFileTransporter::receive(Reception& reception) {
@@ -408,8 +413,7 @@ const char* NwFileTransporter::store(Reception& reception, int id, int length,
 
 // Ends a connection that is not to be received from any more.
 void NwFileTransporter::drop(Reception& reception, const char* reason) {
-    NwWarn("%s\n", reason);
-    NwWarn << std::flush;
+    warnLine(reason);
     reception.socket.shutDown();
 }
 

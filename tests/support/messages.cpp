@@ -4,6 +4,7 @@
 #include <cvNetworkCompatibility/cvSocket.h>
 
 #include <cstring>
+#include <utility>
 
 std::string TextBuffer::take() {
     const std::lock_guard<std::mutex> lock(myMutex);
@@ -40,6 +41,32 @@ Messages::~Messages() {
     NwWarn.rdbuf(myOldWarn);
     NwVerbose.rdbuf(myOldVerbose);
     NwDebug.rdbuf(myOldDebug);
+}
+
+FlushedWarnings::FlushedWarnings() : myOld(NwWarn.rdbuf(this)) {}
+
+FlushedWarnings::~FlushedWarnings() {
+    NwWarn.rdbuf(myOld);
+}
+
+std::vector<std::string> FlushedWarnings::take() {
+    if (!myText.empty()) myFlushed.push_back("not flushed: " + std::exchange(myText, std::string()));
+    return std::exchange(myFlushed, {});
+}
+
+FlushedWarnings::int_type FlushedWarnings::overflow(int_type c) {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) myText += traits_type::to_char_type(c);
+    return traits_type::not_eof(c);
+}
+
+std::streamsize FlushedWarnings::xsputn(const char* text, std::streamsize length) {
+    myText.append(text, static_cast<std::size_t>(length));
+    return length;
+}
+
+int FlushedWarnings::sync() {
+    myFlushed.push_back(std::exchange(myText, std::string()));
+    return 0;
 }
 
 Quiet::Quiet() {

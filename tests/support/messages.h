@@ -8,6 +8,7 @@
 #include <mutex>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 // What a stream writes, to be taken while worker threads go on writing.
 class TextBuffer : public std::streambuf {
@@ -44,6 +45,28 @@ private:
     TextBuffer myInfo, myWarn, myVerbose, myDebug;
     std::streambuf *myOldInfo, *myOldWarn, *myOldVerbose, *myOldDebug;
     int myOldLevel;
+};
+
+// While it lives, NwWarn writes here, where only what was flushed counts: warnings that someone who waits for
+// them has seen.
+class FlushedWarnings : private std::streambuf {
+public:
+    FlushedWarnings();
+    ~FlushedWarnings() override;
+    FlushedWarnings(const FlushedWarnings&) = delete;
+    FlushedWarnings& operator=(const FlushedWarnings&) = delete;
+
+    // What each flush since the last call brought. What was not flushed comes last, behind "not flushed: ".
+    std::vector<std::string> take();
+
+private:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* text, std::streamsize length) override;
+    int sync() override;
+
+    std::streambuf* const myOld;
+    std::string myText;
+    std::vector<std::string> myFlushed;
 };
 
 // Quiet sockets while it lives.

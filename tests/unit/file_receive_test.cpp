@@ -347,6 +347,23 @@ TEST_F(FileReceive, connectionsThatEndedAreRemovedByALaterTick) {
         << warnings;
 }
 
+TEST_F(FileReceive, oneTickRemovesEveryConnectionThatEndedAndNoOther) {
+    const Quiet quiet;
+    for (int i = 0; i < 5; ++i) deliver(fileBytes("file", "data"));
+    ASSERT_EQ(receiver.connections(), 5);
+    const auto listed = [&] {
+        std::vector<const void*> sockets;
+        for (NwListItem* item = receiver.mySocketMgr->socketList()->first(); item; item = item->next())
+            sockets.push_back(item->data());
+        return sockets;
+    };
+    const std::vector<const void*> before = listed();
+    for (const std::size_t ended : {0u, 1u, 3u, 4u})
+        static_cast<NwTcpSocket*>(const_cast<void*>(before[ended]))->shutDown();
+    receiver.tick();
+    EXPECT_EQ(listed(), std::vector<const void*>{before[2]});
+}
+
 // Of many that wait to be accepted, those that are through hold no descriptor.
 TEST_F(FileReceive, connectionsThatEndedGoBeforeTheNextIsReceivedFrom) {
     for (int i = 0; i < 20; ++i) {
@@ -472,6 +489,45 @@ TEST_F(FileReceive, bytesThatCompleteNoDataAreNoProgress) {
     }
 }
 
+// As fast as the connection takes them: there is always something to read, and never a byte of a file that
+// was begun.
+TEST_F(FileReceive, aFloodWithoutDataIsNoProgress) {
+    const StallLimits limits(30, 50);
+    const std::pair<std::string, std::string> floods[] = {
+        {"connection tests", u32(4)},
+        {"later messages", laterMessage(kId, "")},
+        {"whole files of no bytes", fileBytes("empty", "", kId + 1)}};
+    for (const auto& flood : floods) {
+        SCOPED_TRACE(flood.first);
+        std::string bytes;
+        while (bytes.size() < 100000) bytes += flood.second;
+        TcpPeer peer = connect();
+        peer.sendAll(FirstMessage(kId, "file", "some").announcing(100).bytes());
+        std::atomic<bool> isOver{false};
+        std::thread flooding([&] {
+            while (!isOver && ::send(peer.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
+            }
+        });
+        std::thread receiving([&] {
+            NwSetOutputLevel(NwOutputWarn);
+            receiver.tick();
+            isOver = true;
+        });
+        pause(50);
+        passSeconds(40);
+        pause(220);
+        EXPECT_FALSE(isOver);
+        EXPECT_TRUE(endsAfter(51, isOver));
+        if (!isOver) ::shutdown(peer.fd(), SHUT_RDWR);
+        receiving.join();
+        flooding.join();
+        EXPECT_EQ(messages.warn(), kNoProgress);
+        EXPECT_EQ(receiver.transfersUnderWay(), 0u);
+        EXPECT_EQ(receiver.connections(), 0);
+        EXPECT_FALSE(dir.has("inbox/file"));
+    }
+}
+
 TEST_F(FileReceive, aSlowPeerThatMakesProgressIsWaitedFor) {
     const StallLimits limits(30, 50);
     TcpPeer peer = connect();
@@ -545,18 +601,27 @@ TEST_F(FileReceive, announcementsOnOneConnectionCommitNoMemory) {
     }
 }
 
-TEST_F(FileReceive, announcementsOnManyConnectionsLeaveNoMemory) {
+TEST_F(FileReceive, announcementsOnManyConnectionsCommitNoMemoryAndAreOneWarningEach) {
     const Quiet quiet;
-    deliverAndClose(FirstMessage(1, "huge", "x").announcing(kHuge).bytes());
-    const std::size_t before = residentBytes();
-    for (unsigned int id = 1; id <= kAnnouncements; ++id) {
-        deliverAndClose(FirstMessage(id, "huge", "x").announcing(kHuge).bytes());
-        messages.all();
+    Weighed weighed(inbox());
+    for (const std::string data : {"", "x", "some more data"}) {
+        const std::size_t before = residentBytes();
+        weighed.most = 0;
+        for (unsigned int id = 1; id <= kAnnouncements; ++id) {
+            {
+                TcpPeer peer(weighed.port());
+                peer.sendAll(FirstMessage(id, "huge", data).announcing(kHuge).bytes());
+            }
+            weighed.tick();
+            ASSERT_EQ(messages.warn(), kSocketError) << id;
+            ASSERT_EQ(weighed.transfersUnderWay(), 0u);
+            messages.all();
+        }
+        if (!kIsSanitized) {
+            EXPECT_LE(std::max(weighed.most, residentBytes()), before + kFlat);
+        }
     }
-    if (!kIsSanitized) {
-        EXPECT_LE(residentBytes(), before + kFlat);
-    }
-    EXPECT_EQ(receiver.connections(), 0);
+    EXPECT_EQ(weighed.connections(), 0);
     expectGoesOn();
 }
 

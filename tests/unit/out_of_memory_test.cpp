@@ -8,12 +8,16 @@
 #include <cvNetworkCompatibility/cvTcpSocket.h>
 #include <cvNetworkCompatibility/cvTcpSocketMgr.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <new>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "async_peek.h"
 #include "file_transfer.h"
@@ -26,14 +30,15 @@
 
 namespace {
 
-int allocationsLeft = -1;  // before one fails; negative: none does
+int allocationsLeft = -1;                         // before one fails; negative: none does
+std::size_t largestAllocation = std::size_t(-1);  // anything larger fails
 
 bool isTheOneToFail() {
     return allocationsLeft >= 0 && allocationsLeft-- == 0;
 }
 
 void* allocate(std::size_t size) {
-    return isTheOneToFail() ? nullptr : std::malloc(size ? size : 1);
+    return size > largestAllocation || isTheOneToFail() ? nullptr : std::malloc(size ? size : 1);
 }
 
 void* allocateOrThrow(std::size_t size) {
@@ -538,6 +543,58 @@ TEST_F(OutOfMemory, aFileIsReceivedWholeOrNotAtAll) {
     }
     EXPECT_GE(n, 6) << "the socket, its buffer, a message, a transfer, its name, its data";
     EXPECT_GE(arrived, 1);
+}
+
+// Memory that does not hold a transfer, or not even a message, ends that connection with one line.
+TEST_F(OutOfMemory, aFileThatMemoryCannotHoldEndsItsTransferAlone) {
+    const Quiet quiet;
+    const Directory dir;
+    NwFileTransporter receiver(0, false, 0, dir.path(), nullptr);
+    NwSetOutputLevel(NwOutputWarn);
+    FlushedWarnings warnings;
+    const std::vector<std::string> noMemory = {"FileTransporter: no memory-Exiting transfer\n"};
+    const std::string bytes = randomBytes(2000000);
+    for (const std::size_t largest :
+         {std::size_t(1) << 20, static_cast<std::size_t>(NwMaxPacketSize()) - 1}) {
+        SCOPED_TRACE(largest);
+        TcpPeer peer(receiver.port());
+        const std::string stream = streamOf(7, "large", bytes, NwMaxPacketSize());
+        std::thread sending([&] {
+            for (std::size_t at = 0; at < stream.size();) {
+                const ssize_t n = ::send(peer.fd(), stream.data() + at, stream.size() - at, MSG_NOSIGNAL);
+                if (n <= 0) break;
+                at += static_cast<std::size_t>(n);
+            }
+        });
+        largestAllocation = largest;
+        EXPECT_NO_THROW(receiver.tick());
+        largestAllocation = std::size_t(-1);
+        sending.join();
+        EXPECT_EQ(warnings.take(), noMemory);
+        EXPECT_TRUE(dir.tree().empty());
+    }
+    TcpPeer peer(receiver.port());
+    peer.sendAll(FirstMessage(1, "next", "data").bytes());
+    receiver.tick();
+    EXPECT_EQ(dir.contents("next"), "data");
+    EXPECT_EQ(warnings.take(), std::vector<std::string>());
+}
+
+// The same for a file that is to be sent.
+TEST_F(OutOfMemory, aFileThatMemoryCannotHoldIsNotSent) {
+    const Directory dir;
+    const std::string path = dir.write("large", std::string(2000000, 'x'));
+    TcpListener listener;
+    NwFileTransporter sender(-1, false, 0, dir.path(), nullptr);
+    NwSetOutputLevel(NwOutputWarn);
+    FlushedWarnings warnings;
+    const std::string text = "Corvane(NwFileTransporter) error reading file ";
+    const NwFilename file(path);
+    largestAllocation = std::size_t(1) << 20;
+    EXPECT_FALSE(sender.sendFile(file, kLoopback, listener.port()));
+    largestAllocation = std::size_t(-1);
+    EXPECT_EQ(warnings.take(), std::vector<std::string>{text + path + "\n"});
+    EXPECT_FALSE(waitReadable(listener.fd(), 0)) << "nobody was connected to";
 }
 
 }  // namespace
