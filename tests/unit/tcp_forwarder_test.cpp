@@ -292,6 +292,32 @@ TEST_F(TcpForwarder, endRemovesEveryConnection) {
     EXPECT_EQ(openDescriptors(), before - 1 + 3) << "the listener is closed, the peers are not";
 }
 
+// The manager is there until the last connection has gone: its callbacks ask the forwarder for it, and may
+// unregister themselves and remove others.
+TEST_F(TcpForwarder, removalCallbacksFindTheManagerWhileTheForwarderEnds) {
+    join(4);
+    LoggedForwarder* const ending = forwarder.release();
+    NwTcpSocketMgr* const manager = ending->socketMgr();
+    Removals removals;
+    std::vector<std::vector<int>> remaining;
+    removals.work = [&](int number) {
+        EXPECT_EQ(ending->socketMgr(), manager);
+        EXPECT_EQ(ending->sizeLength(), 2);
+        manager->processConnections();
+        if (number == 1) manager->removeAndDelete(socket(3));
+        remaining.push_back({});
+        for (NwTcpSocket* each : socketsOf(*manager))
+            remaining.back().push_back(static_cast<LoggedSocket*>(each)->number());
+        if (number == 2) manager->removeSocketRemovalCallback(Removals::call, &removals);
+    };
+    manager->addSocketRemovalCallback(Removals::call, &removals);
+    delete ending;
+    EXPECT_THAT(removals.numbers, ElementsAre(1, 3, 2)) << "the fourth goes without a callback";
+    EXPECT_THAT(remaining, ElementsAre(ElementsAre(1, 2, 3, 4), ElementsAre(1, 2, 4), ElementsAre(2, 4)));
+    EXPECT_EQ(told(), "~3 ~1 ~2 ~4");
+    for (TcpPeer& each : peers) EXPECT_EQ(each.receiveToEnd(), "");
+}
+
 // --- what goes to whom -----------------------------------------------------------------------------------
 
 TEST_F(TcpForwarder, packetGoesToEveryConnectionInListOrderAndBackToItsSender) {

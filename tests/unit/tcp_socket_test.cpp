@@ -555,6 +555,53 @@ TEST_F(TcpSocket, deletedThroughItsBase) {
     EXPECT_FALSE(isOpen(fd));
 }
 
+TEST_F(TcpSocket, shutDownEndsBothDirectionsAndKeepsTheDescriptor) {
+    std::unique_ptr<Probe> socket = client();
+    TcpPeer peer = listener.accept();
+    messages.all();
+    const int fd = socket->readFd();
+    peer.sendAll(std::string("\0\5abc", 5));
+    ASSERT_TRUE(waitFor(fd, POLLIN));
+    socket->shutDown();
+    EXPECT_FALSE(socket->isOk());
+    EXPECT_EQ(peer.receiveToEnd(), "");
+    EXPECT_TRUE(isOpen(fd)) << "until the destructor";
+    EXPECT_EQ(socket->readFd(), fd);
+    char bytes[] = "abc";
+    EXPECT_EQ(::send(fd, bytes, 3, MSG_NOSIGNAL), -1) << "nothing can leave any more";
+    socket->shutDown();
+    EXPECT_FALSE(socket->isOk());
+    EXPECT_EQ(messages.all(), "") << "silent, also the second time";
+    EXPECT_FALSE(socket->testConnectionStatus());
+    socket.reset();
+    EXPECT_FALSE(isOpen(fd));
+}
+
+TEST_F(TcpSocket, shutDownOfASocketWithoutDescriptorDoesNothing) {
+    fail("socket", EMFILE);
+    Probe socket(kLoopback, port, 0);
+    ASSERT_FALSE(socket.isOk());
+    messages.all();
+    socket.shutDown();
+    EXPECT_FALSE(socket.isOk());
+    EXPECT_EQ(messages.all(), "");
+}
+
+TEST_F(TcpSocket, shutDownDropsWhatIsQueued) {
+    std::unique_ptr<Probe> socket = client();
+    TcpPeer peer = listener.accept();
+    sends = {-EAGAIN};
+    char bytes[] = "abc";
+    EXPECT_EQ(socket->sendTo(bytes, 3, false), 0);
+    sends.clear();
+    socket->shutDown();
+    messages.all();
+    const Quiet quiet;
+    socket->flush();
+    EXPECT_EQ(peer.receiveToEnd(), "");
+    EXPECT_FALSE(socket->isOk());
+}
+
 TEST_F(TcpSocket, noDescriptorStaysOpen) {
     const int descriptors = openDescriptors();
     for (int i = 0; i < 20; ++i) {
