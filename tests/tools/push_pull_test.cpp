@@ -5,17 +5,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include "captures.h"
 #include "cvnet_process.h"
@@ -166,6 +169,19 @@ int sendUntilABarShows(TcpPeer& peer, CvnetProcess& pull) {
     return sent;
 }
 
+// Waits until the sender has filled the connection and is held in the middle of its file.
+void waitUntilNothingMoreComes(const TcpPeer& peer) {
+    int before = -1;
+    EXPECT_TRUE(eventually([&] {
+        int now = 0;
+        ::ioctl(peer.fd(), FIONREAD, &now);
+        const bool isFull = now > 0 && now == before;
+        before = now;
+        ::usleep(100000);  // a sender that runs fills megabytes in that time
+        return isFull;
+    }));
+}
+
 const char* const kSecondsAndRate = " in [0-9]+\\.[0-9]{3} s, .*/s";
 
 }  // namespace
@@ -215,7 +231,9 @@ TEST_F(PushPull, jsonTellsTheSame) {
     EXPECT_EQ(lines[1].value("acknowledged", false), true);
     EXPECT_FALSE(lines[1].contains("error"));
     EXPECT_EQ(lines[2].value("note", ""), "empty, nothing was sent");
-    EXPECT_EQ(lines[2].value("acknowledged", false), true);
+    EXPECT_TRUE(lines[2].contains("acknowledged"));
+    EXPECT_TRUE(lines[2]["acknowledged"].is_null()) << "there was nothing to acknowledge";
+    EXPECT_EQ(lines[2].value("bytes", -1), 0);
     EXPECT_EQ(lines[3].value("acknowledged", true), false);
     EXPECT_EQ(lines[3].value("error", ""), "No such file or directory");
     EXPECT_TRUE(lines[3]["bytesPerSecond"].is_null());
@@ -251,6 +269,35 @@ TEST_F(PushPull, jsonTellsTheSame) {
     EXPECT_EQ(pulled[3].value("files", -1), 1);
     EXPECT_EQ(pulled[3].value("lost", -1), 1);
     EXPECT_EQ(pulled[3].value("bytes", -1), 4);
+}
+
+// While the files are pushed, another thread makes them longer and shorter: what was looked at first is not
+// what is sent.
+TEST_F(PushPull, pushTellsTheBytesThatItSent) {
+    const std::string changing = file("changing", "x");
+    std::atomic<bool> isOver{false};
+    std::thread changer([&] {
+        for (off_t size = 0; !isOver; size = (size + 1) % 100) (void)!::truncate(changing.c_str(), size);
+    });
+    const auto pull = startPull({"--json"});
+    Arguments arguments(100, changing);
+    arguments.push_back("--json");
+    std::vector<int> sent;
+    for (const Json& line : jsonLines(push(arguments).output)) {
+        const bool arrives =
+            line.value("event", "") == "file" && line.value("bytes", 0) > 0 && !line.contains("error");
+        if (arrives) sent.push_back(line.value("bytes", -1));
+    }
+    isOver = true;
+    changer.join();
+    ASSERT_GT(sent.size(), 0U);
+    file("last", "l");
+    EXPECT_EQ(push({path("last")}).exitStatus, 0);
+    EXPECT_TRUE(pull->waitForOutput("\"last\""));
+    std::vector<int> received;
+    for (const Json& line : jsonLines(end(*pull).output))
+        if (line.value("name", "") == "changing") received.push_back(line.value("bytes", -1));
+    EXPECT_EQ(sent, received);
 }
 
 TEST_F(PushPull, quietPrintsTotalsOnly) {
@@ -425,6 +472,40 @@ TEST_F(PushPull, aReceiverThatBreaksTheConnectionIsAFailure) {
     EXPECT_THAT(result.output, HasSubstr("\npushed 1 of 2 files, 1 byte"));
 }
 
+// However a push ends in the middle of a file, its totals and one line of what happened are there.
+TEST_F(PushPull, aPushThatFailsInTheMiddlePrintsTotalsAndOneErrorLine) {
+    const std::string large = file("large", std::string(kMoreThanBuffersHold, 'x'));
+    for (const bool isGone : {true, false}) {
+        for (const char* format : {"--json", "--quiet"}) {
+            SCOPED_TRACE(std::string(isGone ? "gone " : "stalled ") + format);
+            TcpListener listener;
+            CvnetProcess pushing(
+                pushTo(listener.port(), {file("first", "1"), large, format, "--stall", "0.3"}));
+            listener.accept().receiveToEnd();
+            TcpPeer peer = listener.accept();
+            peer.receive(100000);
+            if (isGone) peer.reset();
+            const CvnetResult result = pushing.finish();
+            EXPECT_EQ(result.exitStatus, 1);
+            expectLines(result.errors, {StartsWith("cvnet push: " + large + ": ")});
+            if (std::string(format) == "--quiet") {
+                expectLines(result.output, {StartsWith("pushed 1 of 2 files, 1 byte in ")});
+                continue;
+            }
+            const auto lines = jsonLines(result.output);
+            ASSERT_EQ(lines.size(), 4U);
+            EXPECT_EQ(lines[2].value("acknowledged", true), false);
+            EXPECT_GE(lines[2].value("bytes", 0U), 100000 - kLongestMessage);
+            EXPECT_LT(lines[2].value("bytes", kMoreThanBuffersHold), kMoreThanBuffersHold);
+            EXPECT_NE(lines[2].value("error", ""), "");
+            EXPECT_EQ(lines[3].value("event", ""), "totals");
+            EXPECT_EQ(lines[3].value("files", -1), 1);
+            EXPECT_EQ(lines[3].value("failed", -1), 1);
+            EXPECT_EQ(lines[3].value("bytes", -1), 1);
+        }
+    }
+}
+
 TEST_F(PushPull, aKilledReceiverIsAFailure) {
     const auto pull = startPull();
     pull->signal(SIGSTOP);  // so that it cannot take the file before it dies
@@ -490,6 +571,7 @@ TEST_F(PushPull, aSignalEndsAPushInTheMiddle) {
         listener.accept().receiveToEnd();
         TcpPeer peer = listener.accept();
         peer.receive(100000);
+        waitUntilNothingMoreComes(peer);
         const CvnetResult result = end(pushing, signal);
         EXPECT_EQ(result.exitStatus, 1) << signal << result.signal;
         expectLines(result.errors, {"cvnet push: " + path("large") + ": interrupted"});

@@ -70,16 +70,17 @@ struct File {
         : path(newPath), name(NwFilename(newPath).stripPath().c_str()) {}
 
     std::string path;
-    std::string name;  // as the receiver gets it
-    std::uint64_t bytes = 0;
+    std::string name;         // as the receiver gets it
+    std::uint64_t bytes = 0;  // that were handed to the kernel: other processes may change the file meanwhile
     double seconds = 0.0;
     std::string problem;  // empty: none
 
     std::string shownPath() const { return printable(path); }
+    bool isEmpty() const { return problem.empty() && bytes == 0; }
 };
 
 // Why the file cannot be sent, as far as its directory entry tells; empty if it can.
-std::string refusal(File& file) {
+std::string refusal(const File& file) {
     struct stat status {};
     if (::stat(file.path.c_str(), &status) != 0) {
         const int error = errno;
@@ -87,7 +88,6 @@ std::string refusal(File& file) {
     }
     if (S_ISDIR(status.st_mode)) return "is a directory: name the files in it";
     if (!S_ISREG(status.st_mode)) return "is no regular file";
-    file.bytes = static_cast<std::uint64_t>(status.st_size);
     if (status.st_size > INT_MAX)
         return fmt::format("is too large: {} bytes, and a transfer carries {}", status.st_size, INT_MAX);
     if (::faccessat(AT_FDCWD, file.path.c_str(), R_OK, AT_EACCESS) != 0) {
@@ -144,6 +144,7 @@ private:
     KeptFailure failure_;
     std::string shownName_;
     bool hasBegun_ = false;
+    int sent_ = 0;         // bytes of the file
     std::string problem_;  // what the overrides found
 };
 
@@ -152,10 +153,12 @@ void Pusher::push(File& file, const std::string& shownName) {
     problem_.clear();
     takeLibraryWarnings();
     hasBegun_ = false;
+    sent_ = 0;
     const Clock::time_point start = Clock::now();
     const bool wasSent = sendFile(NwFilename(file.path), to_.addrHostOrder, static_cast<int>(to_.port));
     StopSignal::shutDownToo(-1);
     file.seconds = secondsSince(start);
+    file.bytes = static_cast<std::uint64_t>(sent_);
     bar_.end();
     failure_.throwIfAny();
     file.problem = problemOf(wasSent);
@@ -190,6 +193,7 @@ void Pusher::sendProgress(NwTcpSocket& socket, int sent, int total) {
     StopSignal::shutDownToo(fd);
     if (!hasBegun_) bar_.begin();
     hasBegun_ = true;
+    sent_ = sent;
     failure_.keep([&] {
         if (bar_.isDue()) {
             const int arrived = std::max(0, sent - unacknowledgedBytes(fd));
@@ -302,7 +306,7 @@ void PushRun::pushOne(const std::string& path) {
     if (file.problem.empty()) {
         ++delivered_;
         bytes_ += file.bytes;
-        if (file.bytes == 0) ++empty_;
+        if (file.isEmpty()) ++empty_;
     }
     tell(file);
 }
@@ -316,7 +320,7 @@ void PushRun::tell(const File& file) {
 }
 
 std::string PushRun::lineOf(const File& file) const {
-    if (file.bytes == 0) {
+    if (file.isEmpty()) {
         return fmt::format("{}: empty, so nothing was sent: the receiver does not hear of it",
                            printable(file.name));
     }
@@ -334,7 +338,10 @@ std::string PushRun::jsonOf(const File& file) const {
                                    {"acknowledged", file.problem.empty()}};
     if (file.problem.empty() && file.seconds > 0.0)
         json["bytesPerSecond"] = static_cast<double>(file.bytes) / file.seconds;
-    if (file.problem.empty() && file.bytes == 0) json["note"] = "empty, nothing was sent";
+    if (file.isEmpty()) {
+        json["acknowledged"] = nullptr;  // there was nothing to acknowledge
+        json["note"] = "empty, nothing was sent";
+    }
     if (!file.problem.empty()) json["error"] = file.problem;
     return jsonLine(json);
 }
