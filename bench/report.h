@@ -20,7 +20,7 @@ struct Options {
 // Ends the program with its usage when the words are wrong.
 Options readOptions(int count, char** words);
 
-// How near to the bare loop a path must come; 0 where a figure is only told.
+// How near to the bare loop a path must come; 0 where that is only told.
 struct Floor {
     double rateAtLeast;
     double cpuAtMost;
@@ -42,11 +42,17 @@ public:
                  const char* firstName = "bare", const char* secondName = "library");
     // One line of figures of one unit.
     void figures(const std::string& name, const std::string& unit, const std::vector<Figure>& values);
+    // The same where the largest of them must not be above `atMost`.
+    void limited(const std::string& name, const std::string& unit, const std::vector<Figure>& values,
+                 double atMost);
     bool wants(const std::string& name) const { return name.find(myOptions.only) != std::string::npos; }
     // The last line, and the file. A missed floor is told, not turned into a failure.
     void finish();
 
 private:
+    void write(const std::string& name, const std::string& unit, const std::vector<Figure>& values,
+               const std::string& verdict, const std::string& verdictJson);
+
     Options myOptions;
     std::vector<std::string> myJson;
     int myFloors = 0, myMissed = 0;

@@ -12,5 +12,6 @@ echo
 "$build/bench/transports_bench"
 "$build/bench/tcp_bench"
 "$build/bench/relay_bench"
+"$build/bench/file_bench"
 echo
 "$(dirname "$0")/instructions.sh" "$build"
