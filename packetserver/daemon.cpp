@@ -153,8 +153,14 @@ private:
     }
 
     void endStopped() {
-        const auto isAsked = [](const auto& server) { return server->isAskedToStop(); };
-        servers_.erase(std::remove_if(servers_.begin(), servers_.end(), isAsked), servers_.end());
+        for (auto server = servers_.begin(); server != servers_.end();) {
+            if (!(*server)->isAskedToStop()) {
+                ++server;
+                continue;
+            }
+            (*server)->logStatistics();
+            server = servers_.erase(server);
+        }
     }
 
     Options options_;

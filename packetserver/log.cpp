@@ -2,6 +2,7 @@
 #include "log.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,10 +34,13 @@ void Log::event(const nlohmann::json& fields, const std::string& words) {
     write(fileFd_ >= 0 ? fileFd_ : standard, line + '\n');
 }
 
-// A line that cannot be written is lost: the server has better to do than to wait or to end for it.
+// A line that cannot be written now is lost: the server has better to do than to wait or to end for it. (A
+// pipe that takes anything takes a line: it is shorter than PIPE_BUF.)
 void Log::write(int fd, const std::string& line) {
     std::size_t done = 0;
     while (done < line.size()) {
+        pollfd room{fd, POLLOUT, 0};
+        if (::poll(&room, 1, 0) == 0) return;
         const ssize_t written = ::write(fd, line.data() + done, line.size() - done);
         if (written < 0 && errno == EINTR) continue;
         if (written <= 0) return;
