@@ -33,10 +33,8 @@ std::string programOf(pid_t pid) {
 
 }  // namespace
 
-Client::Client(int id, int slot, unsigned short flags, const Sender& sender,
-               std::unique_ptr<NotifySocket> notify)
+Client::Client(int id, unsigned short flags, const Sender& sender, std::unique_ptr<NotifySocket> notify)
     : id_(id),
-      slot_(slot),
       flags_(flags),
       sender_(sender),
       program_(programOf(sender.pid)),
@@ -50,8 +48,9 @@ Client::~Client() {
     if (pidFd_ >= 0) ::close(pidFd_);
 }
 
-bool Client::makeQueue(int port, long capacity) {
-    if (!segment_.create(port, slot_, capacity, sender_.uid, sender_.gid)) return false;
+bool Client::makeQueue(int port, int slot, long capacity) {
+    if (!segment_.create(port, slot, capacity, sender_.uid, sender_.gid)) return false;
+    slot_ = slot;
     writer_ = std::make_unique<NwShmMsgQueueWriter>(segment_.queue(), segment_.capacity(), segment_.semId(),
                                                     NwShmWakeSemaphore);
     return true;

@@ -29,14 +29,14 @@ public:
         std::uint64_t dropped = 0;    // packets and messages that did not fit the queue
     };
 
-    Client(int id, int slot, unsigned short flags, const Sender& sender,
-           std::unique_ptr<NotifySocket> notify);
+    Client(int id, unsigned short flags, const Sender& sender, std::unique_ptr<NotifySocket> notify);
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    /// Makes the queue: `capacity` bytes under the keys of `port` and the slot. False with errno.
-    bool makeQueue(int port, long capacity);
+    /// Makes the queue: `capacity` bytes under the keys of `port` and `slot`. False with errno: EEXIST when
+    /// somebody else uses the keys.
+    bool makeQueue(int port, int slot, long capacity);
     /// Tells the client where its queue is. False when that did not reach it.
     bool acknowledge(bool isInternal);
     /// The first request of a client shows that it has attached: from now on nothing of its queue outlives
@@ -83,7 +83,7 @@ private:
     void putDropWarning();
 
     const int id_;
-    const int slot_;
+    int slot_ = -1;
     const unsigned short flags_;
     const Sender sender_;
     const std::string program_;

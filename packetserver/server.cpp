@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -23,6 +24,7 @@ namespace {
 constexpr int packetsInBurst = 256;
 constexpr int requestsInBurst = 64;
 constexpr int receiveBufferBytes = 8 << 20;
+constexpr unsigned mostRefusalsTold = 10;  // between two ticks
 /// A control-only client is sent states, warnings and notices: room for the answer about all clients, and
 /// more.
 constexpr unsigned long controlQueueBytes = 256UL << 10;
@@ -59,8 +61,7 @@ bool Server::start() {
         problem_ = requests_->problem();
         return false;
     }
-    NwShmMsgQueueSegment::removeLeftovers(port_,
-                                          static_cast<int>(settings_.clients + settings_.controlClients));
+    NwShmMsgQueueSegment::removeLeftovers(port_, NwShmMsgQueueSegment::slotLimit);
     errno = 0;
     socket_ = std::make_unique<PortSocket>(port_);
     if (!socket_->isOk()) {
@@ -162,16 +163,17 @@ void Server::attach(const NwCsAddClientMsg& request, const Sender& sender) {
         return refuse(*notify, sender, "this user may not attach");
     if (!hasPlace(isControlOnly)) {
         NwCsQuotaMsg(notify->fd()).send();
-        log_.event({{"event", "quota"}, {"port", port_}, {"pid", sender.pid}},
-                   fmt::format("port {}: process {} turned away: no place left", port_, sender.pid));
+        if (mayTellOfRefusal())
+            log_.event({{"event", "quota"}, {"port", port_}, {"pid", sender.pid}},
+                       fmt::format("port {}: process {} turned away: no place left", port_, sender.pid));
         return;
     }
-    auto client = std::make_unique<Client>(nextId_, freeSlot(), request.flags(), sender, std::move(notify));
+    auto client = std::make_unique<Client>(nextId_, request.flags(), sender, std::move(notify));
     client->unbundles = unbundles_;
     const unsigned long wanted = isControlOnly
                                      ? controlQueueBytes + controlQueueBytesPerClient * settings_.clients
                                      : settings_.queueBytes;
-    if (!client->makeQueue(port_, NwShmMsgQueueMgr::bytesFor(wanted))) {
+    if (!makeQueue(*client, NwShmMsgQueueMgr::bytesFor(wanted))) {
         const std::string why = fmt::format("no shared memory for a queue: {}", std::strerror(errno));
         return refuse(client->notify(), sender, why);
     }
@@ -207,11 +209,17 @@ unsigned Server::count(bool controlOnly) const {
     }));
 }
 
-int Server::freeSlot() const {
-    int slot = 0;
-    const auto isTaken = [&slot](const auto& entry) { return entry.second->slot() == slot; };
-    while (std::any_of(clients_.begin(), clients_.end(), isTaken)) ++slot;
-    return slot;
+// The keys of a slot may be in the hands of another user, or of a server elsewhere: then the next one.
+bool Server::makeQueue(Client& client, long capacity) const {
+    std::bitset<NwShmMsgQueueSegment::slotLimit> taken;
+    for (const auto& entry : clients_) taken.set(static_cast<std::size_t>(entry.second->slot()));
+    for (std::size_t slot = 0; slot < taken.size(); ++slot) {
+        if (taken[slot]) continue;
+        if (client.makeQueue(port_, static_cast<int>(slot), capacity)) return true;
+        if (errno != EEXIST) return false;
+    }
+    errno = EEXIST;
+    return false;
 }
 
 void Server::refuse(NotifySocket& notify, const Sender& sender, const std::string& why) {
@@ -219,9 +227,16 @@ void Server::refuse(NotifySocket& notify, const Sender& sender, const std::strin
         NwCsWarningMsg warning(nullptr, NwCsWarningRefused, 0, why.c_str());
         ::send(notify.fd(), &warning.bytes(), static_cast<std::size_t>(warning.size()), MSG_DONTWAIT);
     }
+    if (!mayTellOfRefusal()) return;
     log_.event(
         {{"event", "refused"}, {"port", port_}, {"pid", sender.pid}, {"uid", sender.uid}, {"reason", why}},
         fmt::format("port {}: process {} of user {} refused: {}", port_, sender.pid, sender.uid, why));
+}
+
+// Counts it too. Who is refused all the time does not fill the log.
+bool Server::mayTellOfRefusal() {
+    ++refusedAttaches_;
+    return refusalsTold_++ < mostRefusalsTold;
 }
 
 Client* Server::clientOf(unsigned id, const Sender& sender, const char* what) {
@@ -390,6 +405,7 @@ void Server::reap() {
 }
 
 void Server::tick() {
+    refusalsTold_ = 0;
     reap();
     publish();
 }
@@ -427,7 +443,8 @@ void Server::logStatistics() {
                 {"packets", packets_},
                 {"kernelDropped", kernelDropped()},
                 {"outsideDropped", outsideDropped_},
-                {"requestsRefused", refusedRequests_}},
+                {"requestsRefused", refusedRequests_},
+                {"attachesRefused", refusedAttaches_}},
                fmt::format("port {}: {} clients, {} datagrams, {} packets, {} dropped by the kernel", port_,
                            count(false), socket_->datagrams(), packets_, kernelDropped()));
     for (const auto& entry : clients_) {

@@ -69,8 +69,9 @@ private:
     void attach(const NwCsAddClientMsg& request, const Sender& sender);
     void watchEnd(const Client& client);
     bool hasPlace(bool isControlOnly);
-    int freeSlot() const;
+    bool makeQueue(Client& client, long capacity) const;
     void refuse(NotifySocket& notify, const Sender& sender, const std::string& why);
+    bool mayTellOfRefusal();
     void setFilter(const NwCsFilterMsg& request, const Sender& sender);
     void changeGroups(const NwCsMulticastReqMsg& request, const Sender& sender);
     void control(const NwCsControlReqMsg& request, const Sender& sender);
@@ -107,6 +108,8 @@ private:
     std::uint64_t packets_ = 0;
     std::uint64_t outsideDropped_ = 0;
     std::uint64_t refusedRequests_ = 0;
+    std::uint64_t refusedAttaches_ = 0;
+    unsigned refusalsTold_ = 0;  // since the last tick
 };
 
 }  // namespace packetserver
