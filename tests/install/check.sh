@@ -153,29 +153,74 @@ consumer_by_pkg_config() {
     done
 }
 
-# The installed tool starts as it lies there.
-# The relay's unit: what the system's own tools say of it, with the path of this cvnet (verify wants one that exists).
-service_is_sound() {
-    local unit=$moved/lib/systemd/system/cvnet-relay@.service
+# A unit: what the system's own tools say of it, with the path of this program (verify wants one that exists).
+service_is_sound() {  # UNIT PROGRAM
+    local unit=$moved/lib/systemd/system/$1@.service program=$2
     [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
     [ -f "$unit" ] || fail "no $unit"
     command -v systemd-analyze >/dev/null || skip "systemd-analyze is not installed"
-    scratch service
-    grep -q '^ExecStart=cvnet relay ' "$unit" || fail "the unit starts something else"
-    sed "s|^ExecStart=cvnet |ExecStart=$moved/bin/cvnet |" "$unit" >"$work/cvnet-relay@.service"
-    cp "$work/cvnet-relay@.service" "$work/cvnet-relay@3000.service"
-    systemd-analyze verify "$work/cvnet-relay@3000.service" >"$work/said" 2>&1 || fail "$(cat "$work/said")"
+    scratch "service.$1"
+    grep -q "^ExecStart=$program " "$unit" || fail "the unit starts something else"
+    sed "s|^ExecStart=$program |ExecStart=$moved/bin/$program |" "$unit" >"$work/$1@.service"
+    cp "$work/$1@.service" "$work/$1@3000.service"
+    MANPATH=$moved/share/man systemd-analyze verify "$work/$1@3000.service" >"$work/said" 2>&1 || fail "$(cat "$work/said")"
     [ ! -s "$work/said" ] || fail "$(cat "$work/said")"
     # 0 is the best exposure, 100 (10.0) the worst.
-    systemd-analyze security --offline=true --threshold=15 "$work/cvnet-relay@.service" >"$work/said" 2>&1 ||
+    systemd-analyze security --offline=true --threshold="$3" "$work/$1@.service" >"$work/said" 2>&1 ||
         fail "$(tail -n 1 "$work/said")"
 }
 
+# What a packet server that shares System V IPC and /tmp with its clients must not have switched on.
+packet_server_shares_with_clients() {
+    local unit=$moved/lib/systemd/system/cvpacketserver@.service forbidden
+    [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
+    grep -qx 'PrivateTmp=no' "$unit" || fail "PrivateTmp= is not switched off"
+    for forbidden in PrivateIPC= DynamicUser= PrivateNetwork= PrivateUsers= InaccessiblePaths=; do
+        ! grep -q "^$forbidden" "$unit" || fail "the unit sets $forbidden"
+    done
+}
+
+# The user and the directory that the unit names are those that these files make.
+packet_server_has_user_and_directory() {
+    [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
+    local user root
+    user=$(sed -n 's/^User=//p' "$moved/lib/systemd/system/cvpacketserver@.service")
+    command -v systemd-sysusers >/dev/null || skip "systemd-sysusers is not installed"
+    scratch packet-server
+    root=$work/root
+    mkdir -p "$root/etc" "$root/run"
+    systemd-sysusers --root="$root" - <"$moved/lib/sysusers.d/cvpacketserver.conf"
+    grep -q "^$user:" "$root/etc/passwd" || fail "no user $user"
+    grep -q "^$user:" "$root/etc/group" || fail "no group $user"
+    [ "$(id -u)" -eq 0 ] || skip "the directory's owner takes root"
+    systemd-tmpfiles --root="$root" --create - <"$moved/lib/tmpfiles.d/cvpacketserver.conf"
+    [ "$(stat -c %a "$root/run/cvpacketserver")" = 755 ] || fail "mode of the directory"
+    [ "$(stat -c %u "$root/run/cvpacketserver")" = "$(sed -n "s/^$user:[^:]*:\([0-9]*\):.*/\1/p" "$root/etc/passwd")" ] ||
+        fail "owner of the directory"
+}
+
+# The manual page renders without a complaint and tells every option that the program knows, and no other.
+manual_tells_every_option() {
+    [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
+    local page=$moved/share/man/man1/cvpacketserver.1
+    [ -f "$page" ] || fail "no $page"
+    command -v man >/dev/null || skip "man is not installed"
+    scratch manual
+    MANWIDTH=100 LC_ALL=C.UTF-8 man --warnings -l "$page" >"$work/page" 2>"$work/said" || fail "$(cat "$work/said")"
+    [ ! -s "$work/said" ] || fail "$(cat "$work/said")"
+    [ -s "$work/page" ] || skip "man renders nothing here"
+    col -bx <"$work/page" | grep -oE -- '--[a-z-]+' | sort -u | grep -v -- '--server' >"$work/told"
+    "$moved/bin/cvpacketserver" --help | grep -oE -- '^ +(-h,)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | sort -u >"$work/known"
+    diff "$work/known" "$work/told" || fail "options known (<) and told (>) differ"
+}
+
+# The installed programs start as they lie there.
 tool_starts() {
     [ -n "$CVNC_TOOLS" ] || skip "this build has no tools"
     local tree
     for tree in "$first" "$moved"; do
         env -u LD_LIBRARY_PATH "$tree/bin/cvnet" --version
+        env -u LD_LIBRARY_PATH "$tree/bin/cvpacketserver" --version
     done
 }
 
@@ -204,7 +249,7 @@ library_without_companion_sources() {
     scratch library
     local entry
     mkdir "$work/source"
-    for entry in CMakeLists.txt cmake libsrc LICENSE README.md CHANGELOG.md packaging tools examples; do
+    for entry in CMakeLists.txt cmake libsrc LICENSE README.md CHANGELOG.md packaging packetserver tools examples; do
         [ ! -e "$CVNC_SOURCE_DIR/$entry" ] || cp -r "$CVNC_SOURCE_DIR/$entry" "$work/source/"
     done
     configure "$work/source" "$work/build" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_COMPILER=$CVNC_CXX" \
