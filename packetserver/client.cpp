@@ -17,6 +17,13 @@ namespace packetserver {
 
 namespace {
 
+/// The name of a program, as one that steers no terminal and is text in any encoding.
+std::string printable(std::string name) {
+    for (char& character : name)
+        if (character < ' ' || character > '~') character = '?';
+    return name;
+}
+
 /// How long a client may take from the acknowledgement to its first filter message.
 constexpr std::chrono::seconds attachLimit(15);
 
@@ -28,7 +35,7 @@ std::string programOf(pid_t pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
     std::string name;
     std::getline(file, name);
-    return name;
+    return printable(name);
 }
 
 }  // namespace
@@ -58,9 +65,9 @@ bool Client::makeQueue(int port, int slot, long capacity) {
 
 bool Client::acknowledge(bool isInternal) {
     writer_->queueMgr().setInternal(isInternal);
-    NwCsAckMsg ack(notify_->fd(), isInternal, id_, segment_.shmKey(), segment_.semKey(),
-                   segment_.server2ClientSize(), segment_.client2ServerSize());
-    return ack.send() >= 0;
+    const NwCsAckMsg ack(-1, isInternal, id_, segment_.shmKey(), segment_.semKey(),
+                         segment_.server2ClientSize(), segment_.client2ServerSize());
+    return notify_->answer(ack);
 }
 
 void Client::noteAttached() {
@@ -124,11 +131,13 @@ bool Client::isProcessDead() const {
     return ::poll(&ended, 1, 0) > 0;
 }
 
+bool Client::isDead() const {
+    return segment_.attachments() <= 0 && isProcessDead();
+}
+
 bool Client::hasGone() const {
-    const int attachments = segment_.attachments();
-    if (attachments > 0) return false;
-    if (isProcessDead()) return true;
-    if (attachments < 0) return false;
+    if (isDead()) return true;
+    if (segment_.attachments() != 0) return false;
     return isAttached_ || Clock::now() - since_ > attachLimit;
 }
 
@@ -143,10 +152,9 @@ NwCsCStateReturnRecord Client::state() const {
     record.dropped = counts_.dropped;
     record.attachedSeconds = static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - since_).count());
-    const NwShmMsgQueueMgr& queue = writer_->queueMgr();
-    record.queueBytes = queue.ringBytes();
-    record.queueUsedBytes = queue.usedBytes();
-    record.queueHighWater = queue.highWaterBytes();
+    record.queueBytes = queueBytes();
+    record.queueUsedBytes = writer_->queueMgr().usedBytes();
+    record.queueHighWater = queueHighWater();
     record.groups = static_cast<std::uint32_t>(groups.size());
     record.unbundling = unbundles ? 1 : 0;
     for (int i = 0; i < NwCsFilterCount; ++i) record.filters[i] = filter.state(i);

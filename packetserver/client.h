@@ -52,8 +52,10 @@ public:
     /// Ends the attachment for the client: a notice, and the queue's go-away value.
     void sendAway(NwCsNoticeCode notice);
 
-    /// Whether the client has gone without a word: its process is dead and nobody else, a child of it, has
-    /// the queue attached; or it has attached and let go; or it never attached.
+    /// Whether its process is dead and nobody else, a child of it, has the queue attached.
+    bool isDead() const;
+    /// Whether the client has gone without a word: it is dead, or it has attached and let go, or it never
+    /// attached.
     bool hasGone() const;
     /// Readable once the process has ended; -1 where the system has no such descriptor.
     int pidFd() const { return pidFd_; }
@@ -66,7 +68,7 @@ public:
     bool isControlOnly() const { return (flags_ & NwCsClientControlOnly) != 0; }
     const std::string& program() const { return program_; }
     const Counts& counts() const { return counts_; }
-    std::uint32_t queueHighWater() const { return writer_->queueMgr().highWaterBytes(); }
+    std::uint32_t queueHighWater() const { return writer_->highWaterBytes(); }
     std::uint32_t queueBytes() const { return writer_->queueMgr().ringBytes(); }
     NwShmMsgQueueWriter* writer() { return writer_.get(); }
     NotifySocket& notify() { return *notify_; }
@@ -83,7 +85,6 @@ private:
     void putDropWarning();
 
     const int id_;
-    int slot_ = -1;
     const unsigned short flags_;
     const Sender sender_;
     const std::string program_;
@@ -92,6 +93,7 @@ private:
     std::unique_ptr<NotifySocket> notify_;
     NwShmMsgQueueSegment segment_;
     std::unique_ptr<NwShmMsgQueueWriter> writer_;
+    int slot_ = -1;  // none before makeQueue()
     Counts counts_;
     std::uint32_t sequence_ = 0;  // of the next packet for this client
     std::uint64_t droppedUntold_ = 0;

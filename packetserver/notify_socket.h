@@ -7,10 +7,13 @@
 
 #include <string>
 
+#include <cvutil/cvPacketServerMsgs.h>
+
 namespace packetserver {
 
-/// Reached by the path that the client gave: a socket of the client's user, without a symbolic link on the
-/// way. What is at the path later is of no matter.
+/// Reached by the path that the client gave: a socket of the client's user, directly in /tmp, where clients
+/// make theirs. Elsewhere a path could lead into a file system that never answers. What is at the path later
+/// is of no matter.
 class NotifySocket {
 public:
     NotifySocket(const std::string& path, uid_t owner);
@@ -21,19 +24,20 @@ public:
     /// Why it cannot be reached; empty when it can.
     const std::string& problem() const { return problem_; }
 
-    /// Never waits: what the client has no room for is lost.
-    int fd() const { return fd_; }
+    /// Sends a message, or wakes the client. Neither ever waits: what the client has no room for is lost.
+    /// False when the message did not reach it. When its socket is closed its path goes too.
+    bool answer(const NwClientServerMsg& message) const;
     void wake() const;
 
     /// Removes the path, if it is still this socket's: for a client that died.
     void removePath() const;
 
 private:
-    void connect(const std::string& path, uid_t owner);
+    void connect(uid_t owner);
+    int openPath();
 
+    const std::string path_;
     std::string problem_;
-    std::string name_;  // last component
-    int directoryFd_ = -1;
     int fd_ = -1;
     dev_t device_ = 0;
     ino_t inode_ = 0;

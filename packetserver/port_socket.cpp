@@ -12,20 +12,17 @@ PortSocket::PortSocket(int udpPort)
 }
 
 bool PortSocket::next(Packet& packet) {
-    for (;;) {
-        const std::uint64_t before = datagrams_;
-        char* bytes = nullptr;
-        const int length = NwRecv(&bytes, nullptr);
-        if (length > 0) {
-            packet.bytes = bytes;
-            packet.length = static_cast<unsigned>(length);
-            packet.isFirst = freshLength_ != 0;
-            packet.datagramLength = freshLength_;
-            freshLength_ = 0;
-            return true;
-        }
-        if (datagrams_ == before) return false;  // an empty datagram is no end
-    }
+    const std::uint64_t before = datagrams_;
+    char* bytes = nullptr;
+    const int length = NwRecv(&bytes, nullptr);
+    packet = Packet{};
+    if (length <= 0) return datagrams_ != before;
+    packet.bytes = bytes;
+    packet.length = static_cast<unsigned>(length);
+    packet.isFirst = freshLength_ != 0;
+    packet.datagramLength = freshLength_;
+    freshLength_ = 0;
+    return true;
 }
 
 int PortSocket::recvFromNet(char** buf) {

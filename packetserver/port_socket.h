@@ -21,7 +21,8 @@ public:
         unsigned datagramLength = 0;
     };
 
-    /// The next packet, lent until the next call. False: nothing more is there now.
+    /// The next packet, lent until the next call; one without bytes for an empty datagram, so that whoever
+    /// counts his turns counts those. False: nothing more is there now.
     bool next(Packet& packet);
 
     std::uint64_t datagrams() const { return datagrams_; }

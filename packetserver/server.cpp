@@ -91,6 +91,7 @@ void Server::readPackets() {
     PortSocket::Packet packet;
     for (int i = 0; i < packetsInBurst || socket_->dataLeftInCurrentBundle(); ++i) {
         if (!socket_->next(packet)) break;
+        if (packet.length == 0) continue;
         const NwIpv4Addr source = socket_->lastSourceInetAddr();
         if (isInternal_ && !isLoopback(source)) {
             if (packet.isFirst) ++outsideDropped_;
@@ -162,7 +163,7 @@ void Server::attach(const NwCsAddClientMsg& request, const Sender& sender) {
     if (!settings_.permissions.mayAttach(sender.uid, sender.gid))
         return refuse(*notify, sender, "this user may not attach");
     if (!hasPlace(isControlOnly)) {
-        NwCsQuotaMsg(notify->fd()).send();
+        notify->answer(NwCsQuotaMsg(-1));
         if (mayTellOfRefusal())
             log_.event({{"event", "quota"}, {"port", port_}, {"pid", sender.pid}},
                        fmt::format("port {}: process {} turned away: no place left", port_, sender.pid));
@@ -223,10 +224,7 @@ bool Server::makeQueue(Client& client, long capacity) const {
 }
 
 void Server::refuse(NotifySocket& notify, const Sender& sender, const std::string& why) {
-    if (notify.fd() >= 0) {
-        NwCsWarningMsg warning(nullptr, NwCsWarningRefused, 0, why.c_str());
-        ::send(notify.fd(), &warning.bytes(), static_cast<std::size_t>(warning.size()), MSG_DONTWAIT);
-    }
+    notify.answer(NwCsWarningMsg(nullptr, NwCsWarningRefused, 0, why.c_str()));
     if (!mayTellOfRefusal()) return;
     log_.event(
         {{"event", "refused"}, {"port", port_}, {"pid", sender.pid}, {"uid", sender.uid}, {"reason", why}},
@@ -392,7 +390,7 @@ void Server::detach(Clients::iterator client, const char* how) {
                           counts.delivered, counts.filtered, counts.dropped));
     for (const NwIpv4Addr group : leaving.groups) groups_.unwish(group);
     if (leaving.pidFd() >= 0) loop_.remove(leaving.pidFd());
-    client->second->notify().removePath();
+    if (leaving.isDead()) client->second->notify().removePath();  // it was left behind
     clients_.erase(client);
 }
 
