@@ -13,5 +13,6 @@ echo
 "$build/bench/tcp_bench"
 "$build/bench/relay_bench"
 "$build/bench/file_bench"
+"$build/bench/packet_server_bench"
 echo
 "$(dirname "$0")/instructions.sh" "$build"

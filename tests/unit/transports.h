@@ -17,11 +17,13 @@
 #ifndef CVNC_TESTS_TRANSPORTS_H
 #define CVNC_TESTS_TRANSPORTS_H
 
+#include <cvNetworkCompatibility/cvClientSocket.h>
 #include <cvNetworkCompatibility/cvGroupSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
 #include <cvNetworkCompatibility/cvPairSock.h>
 #include <cvNetworkCompatibility/cvSocket.h>
 #include <cvNetworkCompatibility/cvTcpSocket.h>
+#include <cvutil/cvPacketServer.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <poll.h>
@@ -29,12 +31,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "async_peek.h"
+#include "event_loop.h"
+#include "log.h"
+#include "messages.h"
 #include "network.h"
+#include "server.h"
 #include "tcp_peer.h"
 
 // What differs between transports, and nothing else does. Each column has its test in the contract suite; a
@@ -57,17 +67,19 @@ struct Differences {
     bool queuesBundles;    // a bundle that could not leave waits in a queue of the socket's own
     bool flushesAtTheEnd;  // else what waits in bundles goes with the socket
     bool isStream;         // what comes in is cut where lengths inside say; nothing shorter is a packet
+    bool isServed;         // a server filters for it: what is refused, or empty, does not come in at all
 };
 
 // clang-format off
-//                              counts refused filters full   longest empty  empty   heeds  splits knows  descr. tells   refused queues flushes stream
+//                              counts refused filters full   longest empty  empty   heeds  splits knows  descr. tells   refused queues flushes stream served
 //                                                     length lent    leaves status  dest.         source        failure byte    bundles at end
-const Differences kQueueIs = {"queue", false, false, false, true,  0,     true,  0, true,  false, false, false, false,  0, false, false, false};
-const Differences kPairIs  = {"pair",  true,  false, true,  false, 1500,  true,  1, true,  false, false, true,  true,  -1, false, false, false};
-const Differences kUdpIs   = {"UDP",   true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  true,  -1, false, true,  false};
-const Differences kAsyncIs = {"async", true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  false,  1, false, true,  false};
-const Differences kGroupIs = {"group", true,  true,  true,  true,  15000, false, 0, false, true,  true,  true,  true,  -1, false, true,  false};
-const Differences kTcpIs   = {"TCP",   false, false, false, true,  65535, false, 0, true,  true,  false, true,  true,   0, true,  false, true};
+const Differences kQueueIs = {"queue", false, false, false, true,  0,     true,  0, true,  false, false, false, false,  0, false, false, false, false};
+const Differences kPairIs  = {"pair",  true,  false, true,  false, 1500,  true,  1, true,  false, false, true,  true,  -1, false, false, false, false};
+const Differences kUdpIs   = {"UDP",   true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  true,  -1, false, true,  false, false};
+const Differences kAsyncIs = {"async", true,  true,  true,  true,  15000, false, 0, true,  true,  true,  true,  false,  1, false, true,  false, false};
+const Differences kGroupIs = {"group", true,  true,  true,  true,  15000, false, 0, false, true,  true,  true,  true,  -1, false, true,  false, false};
+const Differences kTcpIs   = {"TCP",   false, false, false, true,  65535, false, 0, true,  true,  false, true,  true,   0, true,  false, true, false};
+const Differences kServedIs = {"server", true, false, false, true, 15000, false, 0, true, true,  true,  true,  true,  -1, false, true,  false, true};
 // clang-format on
 
 const NwIpv4Addr kUnreachable = 0x0A090901u;  // no route leads there in a private network
@@ -231,6 +243,97 @@ struct TcpLink {
     TcpListener listener{kLoopback, 1 << 20};
     std::unique_ptr<TcpPeer> far, near;
     std::unique_ptr<NwTcpSocket> sender, receiver;
+};
+
+// A packet server in this process, whose turns the test takes, and its clients: one that sends, one that
+// receives, and one that sees each datagram whole.
+struct PacketServerLink {
+    static const Differences& is() { return kServedIs; }
+    PacketServerLink() {
+        char name[] = "/tmp/cvcontractXXXXXX";
+        directory = ::mkdtemp(name);
+        NwSetPacketServerDirectory(name);
+        packetserver::ServerSettings settings;
+        settings.directory = directory;
+        server.reset(new packetserver::Server(port, settings, loop, log));
+        EXPECT_TRUE(log.open());
+        EXPECT_TRUE(server->start()) << server->problem();
+        tap = attach();
+        tap->setUnbundling(0);
+        serve();
+    }
+    ~PacketServerLink() {
+        sender.reset();
+        receiver.reset();
+        tap.reset();
+        server.reset();
+        ::rmdir(directory.c_str());
+        NwSetPacketServerDirectory(nullptr);
+    }
+    NwSocket& out() {
+        if (!sender) sender = attach();
+        return *sender;
+    }
+    NwSocket& in() {
+        if (!receiver) receiver = attach();
+        return *receiver;
+    }
+    std::string wire(std::size_t) {
+        std::string datagram;
+        const bool came = eventually([&] { return hasSeen(datagram); });
+        if (!came) ADD_FAILURE() << "no datagram came";
+        return datagram;
+    }
+    bool wireIsEmpty() {
+        std::string datagram;
+        return !hasSeen(datagram);
+    }
+    void feed(const std::string& bytes) {
+        in();
+        serve();  // the filters first
+        near.send(bytes, port);
+        const std::string::size_type longest = 15000;
+        if (bytes.empty())
+            serve();
+        else
+            EXPECT_EQ(wire(bytes.size()), bytes.substr(0, longest));
+    }
+    void close() { sender.reset(); }
+    static bool breakWire() { return hasPrivateNetwork(); }
+
+    // Some turns: each takes up all that waits, up to a burst.
+    void serve() {
+        for (int turn = 0; turn < 4; ++turn) loop.runOnce(std::chrono::milliseconds(0));
+    }
+    bool hasSeen(std::string& datagram) {
+        serve();
+        char* bytes = nullptr;
+        const int length = tap->NwRecv(&bytes, static_cast<int*>(nullptr));
+        if (length > 0) datagram.assign(bytes, static_cast<std::size_t>(length));
+        return length > 0;
+    }
+    // An attach waits for its answer.
+    std::unique_ptr<NwClientSocket> attach() {
+        const Quiet quiet;  // where there is loopback alone its UDP socket says so
+        std::unique_ptr<NwClientSocket> client;
+        std::thread attaching([&] {
+            client.reset(new NwClientSocket(port, kLoopback, -1, NwClientSocket::defaultFlags));
+            isAttached = true;
+        });
+        while (!isAttached.exchange(false)) loop.runOnce(std::chrono::milliseconds(1));
+        attaching.join();
+        client->NwBecomeNonBlocking();
+        return client;
+    }
+
+    std::string directory;
+    int port = freePort();
+    packetserver::EventLoop loop;
+    packetserver::Log log{false, "/dev/null"};
+    std::unique_ptr<packetserver::Server> server;
+    std::atomic<bool> isAttached{false};
+    std::unique_ptr<NwClientSocket> tap, sender, receiver;
+    UdpPeer near;
 };
 
 #endif
