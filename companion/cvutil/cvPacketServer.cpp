@@ -19,14 +19,12 @@
 #include <cstdint>
 #include <cstring>
 #include <mutex>
-#include <string>
 
 namespace {
 
 static_assert(sizeof(sockaddr_un::sun_path) == NwPacketServerPathSize, "a path is what an address holds");
 
 const char kSystemDirectory[] = "/run/cvpacketserver";
-const char kOwnDirectoryPrefix[] = "/tmp/cvpacketserver-";
 
 // "/65535.v2147483647.18446744073709551615.18446744073709551615" and the end: what a directory leaves room
 // for. Namespace numbers have 10 digits in practice; a directory may be so long that only those fit.
@@ -106,8 +104,15 @@ bool someoneListensAt(const char* path) {
     return listens;
 }
 
-std::string ownDirectory() {
-    return kOwnDirectoryPrefix + std::to_string(::geteuid());
+// Names of files are built in place: nothing here takes memory that may have ended.
+struct Path {
+    char text[NwPacketServerPathSize];
+};
+
+Path ownDirectory() {
+    Path own;
+    ::snprintf(own.text, sizeof own.text, "/tmp/cvpacketserver-%u", static_cast<unsigned int>(::geteuid()));
+    return own;
 }
 
 // A directory that nobody but this user can have put anything into.
@@ -117,9 +122,11 @@ bool isPrivate(const char* directory) {
            (status.st_mode & 077) == 0;
 }
 
-std::string directorySet() {
+Path directorySet() {
     const std::lock_guard<std::mutex> lock(theDirectoryMutex);
-    return theDirectory;
+    Path set;
+    std::memcpy(set.text, theDirectory, sizeof set.text);
+    return set;
 }
 
 }  // namespace
@@ -135,11 +142,12 @@ int NwPacketServerIsAlive(int port) {
 
 char* NwPacketServerRequestPath(unsigned int port, char* path, int version) {
     const int error = errno;
-    const std::string set = directorySet();
-    NwPacketServerPathIn(set.empty() ? kSystemDirectory : set.c_str(), port, path, version);
-    if (set.empty() && !someoneListensAt(path)) {
-        const std::string own = ownDirectory();
-        if (isPrivate(own.c_str())) NwPacketServerPathIn(own.c_str(), port, path, version);
+    const Path set = directorySet();
+    const bool isSet = set.text[0] != '\0';
+    NwPacketServerPathIn(isSet ? set.text : kSystemDirectory, port, path, version);
+    if (!isSet && !someoneListensAt(path)) {
+        const Path own = ownDirectory();
+        if (isPrivate(own.text)) NwPacketServerPathIn(own.text, port, path, version);
     }
     errno = error;
     return path;
@@ -162,42 +170,49 @@ bool NwSetPacketServerDirectory(const char* directory) {
 }
 
 bool NwPacketServerOwnDirectory(char* directory) {
-    const std::string own = ownDirectory();
-    if (::mkdir(own.c_str(), 0700) != 0 && errno != EEXIST) return false;
-    if (!isPrivate(own.c_str())) {
+    const Path own = ownDirectory();
+    if (::mkdir(own.text, 0700) != 0 && errno != EEXIST) return false;
+    if (!isPrivate(own.text)) {
         errno = EPERM;
         return false;
     }
-    std::memcpy(directory, own.c_str(), own.size() + 1);
+    std::memcpy(directory, own.text, sizeof own.text);
     return true;
 }
 
 namespace {
 
 // "<directory>/.cvAbC123": no longer than the name that mkstemp has made of "cvcXXXXXX". False if the system
-// gives no random numbers.
-bool siblingOf(const char* path, std::string* sibling) {
+// gives no random numbers, or the name does not fit (ENAMETOOLONG).
+bool siblingOf(const char* path, Path* sibling) {
     static const char characters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     unsigned char random[6];
     if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) return false;
     const char* const slash = std::strrchr(path, '/');
-    sibling->assign(path, slash ? static_cast<std::size_t>(slash + 1 - path) : 0);
-    *sibling += ".cv";
-    for (unsigned char r : random) *sibling += characters[r % (sizeof characters - 1)];
+    const std::size_t directory = slash ? static_cast<std::size_t>(slash + 1 - path) : 0;
+    if (directory + sizeof ".cvXXXXXX" > sizeof sibling->text) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    std::memcpy(sibling->text, path, directory);
+    char* end = sibling->text + directory;
+    for (const char c : {'.', 'c', 'v'}) *end++ = c;
+    for (const unsigned char r : random) *end++ = characters[r % (sizeof characters - 1)];
+    *end = '\0';
     return true;
 }
 
 // bind() makes a name or fails; it follows no link and replaces nothing.
-bool bindTo(int fd, const std::string& path) {
+bool bindTo(int fd, const char* path) {
     sockaddr_un address;
-    return addressOf(path.c_str(), &address) &&
+    return addressOf(path, &address) &&
            ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-bool bindBeside(int fd, const char* path, std::string* sibling) {
+bool bindBeside(int fd, const char* path, Path* sibling) {
     for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
         if (!siblingOf(path, sibling)) return false;
-        if (bindTo(fd, *sibling)) return true;
+        if (bindTo(fd, sibling->text)) return true;
         if (errno != EADDRINUSE) return false;
     }
     return false;
@@ -206,12 +221,12 @@ bool bindBeside(int fd, const char* path, std::string* sibling) {
 bool bindAndReplace(int fd, const char* path) {
     sockaddr_un address;
     if (!addressOf(path, &address)) return false;
-    std::string sibling;
+    Path sibling;
     if (!bindBeside(fd, path, &sibling)) return false;
     // A server may run as another user than its client: both have to be able to send here.
-    if (::chmod(sibling.c_str(), 0666) == 0 && ::rename(sibling.c_str(), path) == 0) return true;
+    if (::chmod(sibling.text, 0666) == 0 && ::rename(sibling.text, path) == 0) return true;
     const int error = errno;
-    ::unlink(sibling.c_str());
+    ::unlink(sibling.text);
     errno = error;
     return false;
 }

@@ -10,9 +10,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
-#include <string>
 
 namespace {
 
@@ -50,11 +50,19 @@ void set(NwCsMsg& message, std::size_t offset, Field value) {
     std::memcpy(reinterpret_cast<char*>(&message) + offset, &value, sizeof value);
 }
 
-// Text from another process, safe for a terminal.
-std::string shown(const char* text, std::size_t room) {
-    std::string result(text, ::strnlen(text, room));
-    for (char& c : result)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+// A line's worth of text that takes no memory.
+struct Words {
+    char text[sizeof(NwCsMsg) + 1] = {};
+};
+
+// Text from another process, safe for a terminal: nothing but what any of them prints as it stands.
+Words shown(const char* text, std::size_t room) {
+    Words result;
+    const std::size_t length = ::strnlen(text, std::min(room, sizeof result.text - 1));
+    for (std::size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        result.text[i] = c < 0x20 || c > 0x7E ? '?' : text[i];
+    }
     return result;
 }
 
@@ -250,7 +258,7 @@ NwCsAddClientMsg::~NwCsAddClientMsg() = default;
 
 void NwCsAddClientMsg::print() {
     NwInfo("Packet server: add client with process %d, flags 0x%X, answer to %s\n", pid(), flags(),
-           shown(notifyPath(), sizeof(NwCsAddClientRecord::notifyPath)).c_str());
+           shown(notifyPath(), sizeof(NwCsAddClientRecord::notifyPath)).text);
 }
 
 unsigned short NwCsAddClientMsg::flags() const {
@@ -443,7 +451,7 @@ void NwCsStateReturnMsg::print() {
         "    %llu datagrams, %llu packets, %llu dropped by the system, %llu of other hosts dropped\n",
         s.port, s.interfaceAddr ? NwInetAddrString(s.interfaceAddr) : "every interface",
         s.internal ? "internal" : "external", s.unbundling ? "on" : "off", s.pid,
-        shown(s.serverVersion, sizeof s.serverVersion).c_str(), static_cast<unsigned long long>(s.upSeconds),
+        shown(s.serverVersion, sizeof s.serverVersion).text, static_cast<unsigned long long>(s.upSeconds),
         s.clients, s.clientLimit, s.controlClients, s.controlLimit, s.queueBytes, s.groups,
         static_cast<unsigned long long>(s.datagrams), static_cast<unsigned long long>(s.packets),
         static_cast<unsigned long long>(s.kernelDropped), static_cast<unsigned long long>(s.outsideDropped));
@@ -463,17 +471,18 @@ NwCsCStateReturnMsg::~NwCsCStateReturnMsg() = default;
 namespace {
 
 // "kind includes 2, source excludes 1", or "none".
-std::string filtersOf(const NwCsCStateReturnRecord& state) {
-    std::string text;
+Words filtersOf(const NwCsCStateReturnRecord& state) {
+    Words list;
+    int length = 0;
     for (int i = 0; i < NwCsFilterCount; ++i) {
         const NwCsFilterState& one = state.filters[i];
         if (one.excludes && one.values == 0) continue;
-        if (!text.empty()) text += ", ";
-        text += nameOfFilter(i);
-        text += one.excludes ? " excludes " : " includes ";
-        text += std::to_string(one.values);
+        length += ::snprintf(list.text + length, sizeof list.text - static_cast<std::size_t>(length),
+                             "%s%s %s %u", length ? ", " : "", nameOfFilter(i),
+                             one.excludes ? "excludes" : "includes", one.values);
     }
-    return text.empty() ? "none" : text;
+    if (length == 0) std::strcpy(list.text, "none");
+    return list;
 }
 
 }  // namespace
@@ -484,12 +493,12 @@ void NwCsCStateReturnMsg::print() {
         "Packet server: client %u (%u of %u), %s, process %d of user %u, attached %llu s%s\n"
         "    %llu delivered, %llu filtered, %llu dropped; queue %u of %u bytes, at most %u\n"
         "    unbundling %s, %u multicast groups, filters: %s\n",
-        s.clientId, s.index + 1, s.count, shown(s.program, sizeof s.program).c_str(), s.pid, s.uid,
+        s.clientId, s.index + 1, s.count, shown(s.program, sizeof s.program).text, s.pid, s.uid,
         static_cast<unsigned long long>(s.attachedSeconds),
         s.flags & NwCsClientControlOnly ? ", control only" : "", static_cast<unsigned long long>(s.delivered),
         static_cast<unsigned long long>(s.filtered), static_cast<unsigned long long>(s.dropped),
         s.queueUsedBytes, s.queueBytes, s.queueHighWater, s.unbundling ? "on" : "off", s.groups,
-        filtersOf(s).c_str());
+        filtersOf(s).text);
 }
 
 NwCsCStateReturnRecord NwCsCStateReturnMsg::state() const {
@@ -517,14 +526,14 @@ NwCsWarningMsg::NwCsWarningMsg(NwShmMsgQueueWriter* queueWriter, const NwCsMsg* 
 NwCsWarningMsg::~NwCsWarningMsg() = default;
 
 void NwCsWarningMsg::print() {
-    const std::string words = shown(text(), textLength());
+    const Words words = shown(text(), textLength());
     if (warning() == NwCsWarningDropped)
         NwWarn("Packet server: %llu messages dropped, this client's queue was full%s%s\n",
-               static_cast<unsigned long long>(count()), words.empty() ? "" : ": ", words.c_str());
+               static_cast<unsigned long long>(count()), words.text[0] ? ": " : "", words.text);
     else if (warning() == NwCsWarningRefused)
-        NwWarn("Packet server: refused: %s\n", words.c_str());
+        NwWarn("Packet server: refused: %s\n", words.text);
     else
-        NwWarn("Packet server: %s\n", words.c_str());
+        NwWarn("Packet server: %s\n", words.text);
 }
 
 int NwCsWarningMsg::warning() const {

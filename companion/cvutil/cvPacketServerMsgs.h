@@ -6,8 +6,8 @@
 //
 //     NwCsMsg received;                                                                   // server
 //     ssize_t length = ::recv(fd, &received, sizeof received, 0);
-//     if (NwCsRequestProblem(&received, length)) ...                                      // not to be
-//     believed if (received.kind == NwCsKindFilter) apply(NwCsFilterMsg(-1, &received));
+//     if (NwCsRequestProblem(&received, length)) ...                              // not to be believed
+//     if (received.kind == NwCsKindFilter) apply(NwCsFilterMsg(-1, &received));
 //
 // Client and server share a host, so fields are in the host's byte order, without conversion. Every record
 // starts with its kind and the version of the messages (1 byte each), has a fixed size, and fits 176 bytes
@@ -199,10 +199,9 @@ struct NwCsDataHeader {
     std::uint8_t kind;
     std::uint8_t version;
     std::uint16_t unused;
-    std::uint32_t source;  // address the packet came from, host order
-    std::uint32_t
-        sequence;          // the server's count of packets for this client: a gap is a packet dropped for it
-    std::uint32_t length;  // bytes of payload behind this header
+    std::uint32_t source;    // address the packet came from, host order
+    std::uint32_t sequence;  // counts the packets for this client: a gap is packets dropped for it
+    std::uint32_t length;    // bytes of payload behind this header
 };
 static_assert(sizeof(NwCsDataHeader) == 16, "in the queue");
 static_assert(offsetof(NwCsDataHeader, source) == 4, "in the queue");

@@ -109,6 +109,12 @@ union SemaphoreArgument {
     unsigned short* values;
 };
 
+bool statusOf(int set, semid_ds* status) {
+    SemaphoreArgument argument;
+    argument.status = status;
+    return ::semctl(set, 0, IPC_STAT, argument) == 0;
+}
+
 }  // namespace
 
 // --- the queue as a whole ---
@@ -341,15 +347,26 @@ bool NwShmMsgQueueReader::sleepUntilWoken() {
     }
 }
 
+// Only of a queue and a set of our making: a number that somebody has sent may name anything.
 void NwShmMsgQueueReader::lookForDeath() {
-    if (set < 0) return;
+    if (set < 0 || !mgr.header) return;
     const int life = ::semctl(set, NwShmAliveSemaphore, GETVAL);
     const bool isSetGone = life < 0 && (errno == EIDRM || errno == EINVAL);
-    if (life != 0 && !isSetGone) return;
+    semid_ds status;
+    if (!isSetGone && (life != 0 || !statusOf(set, &status) || status.sem_nsems != NwShmSemaphores)) return;
     serverDead = true;
-    if (!clearsAway) return;
-    if (!isSetGone) ::semctl(set, 0, IPC_RMID);
-    if (segment >= 0) ::shmctl(segment, IPC_RMID, nullptr);
+    if (clearsAway) clearAway(isSetGone ? nullptr : &status.sem_perm);
+}
+
+// The dead server's segment, and its set unless that has gone. A set of another maker is not the server's.
+void NwShmMsgQueueReader::clearAway(const ipc_perm* setPermissions) {
+    shmid_ds status;
+    if (segment >= 0) {
+        if (::shmctl(segment, IPC_STAT, &status) != 0) return;
+        if (setPermissions && setPermissions->cuid != status.shm_perm.cuid) return;
+        ::shmctl(segment, IPC_RMID, nullptr);
+    }
+    if (setPermissions) ::semctl(set, 0, IPC_RMID);
 }
 
 void NwShmMsgQueueReader::lookForDeathNowAndThen() {
@@ -526,17 +543,34 @@ std::uint64_t newGeneration() {
 
 enum class Leftover { none, removed, inUse };
 
+// A set that has just been made and not been given its life yet belongs to a server that is starting; one
+// that stays like that, to a server that was killed at this very moment.
+bool isBeingMade(const semid_ds& status) {
+    const time_t longestMaking = 5;
+    return status.sem_otime == 0 && ::time(nullptr) - status.sem_ctime < longestMaking;
+}
+
 // A set of ours whose maker has ended: the system has counted its life down to 0.
 Leftover removeDeadSet(int key) {
     const int id = ::semget(key, 0, 0);
     if (id < 0) return errno == ENOENT ? Leftover::none : Leftover::inUse;
     semid_ds status;
-    SemaphoreArgument argument;
-    argument.status = &status;
-    if (::semctl(id, 0, IPC_STAT, argument) != 0 || !isOurs(status.sem_perm) ||
-        status.sem_nsems != NwShmSemaphores || ::semctl(id, NwShmAliveSemaphore, GETVAL) != 0)
+    if (!statusOf(id, &status) || !isOurs(status.sem_perm) || status.sem_nsems != NwShmSemaphores ||
+        isBeingMade(status) || ::semctl(id, NwShmAliveSemaphore, GETVAL) != 0)
         return Leftover::inUse;
     return ::semctl(id, 0, IPC_RMID) == 0 ? Leftover::removed : Leftover::inUse;
+}
+
+// Whether a segment holds a queue, or was left before it could: somebody else's may have the same key.
+bool holdsAQueue(int id, const shmid_ds& status) {
+    const std::size_t least = kClient2ServerSize + sizeof(NwShmMsgQueueHeader);
+    if (status.shm_segsz < least) return false;
+    void* const place = ::shmat(id, nullptr, SHM_RDONLY);
+    if (place == reinterpret_cast<void*>(-1)) return false;
+    std::uint64_t magic;
+    std::memcpy(&magic, static_cast<char*>(place) + kClient2ServerSize, sizeof magic);
+    ::shmdt(place);
+    return magic == NwShmQueueMagic || (magic == 0 && status.shm_nattch == 0);
 }
 
 // To be called where no living server has a set for this port and slot. Somebody who is still attached keeps
@@ -545,18 +579,19 @@ Leftover removeDeadSegment(int key) {
     const int id = ::shmget(key, 0, 0);
     if (id < 0) return errno == ENOENT ? Leftover::none : Leftover::inUse;
     shmid_ds status;
-    if (::shmctl(id, IPC_STAT, &status) != 0 || !isOurs(status.shm_perm)) return Leftover::inUse;
+    if (::shmctl(id, IPC_STAT, &status) != 0 || !isOurs(status.shm_perm) || !holdsAQueue(id, status))
+        return Leftover::inUse;
     return ::shmctl(id, IPC_RMID, nullptr) == 0 ? Leftover::removed : Leftover::inUse;
 }
 
 // Makes something under a key, after having removed what a dead server has left there.
 template <class Make, class Remove>
 int makeExclusively(const Make& make, const Remove& removeDead) {
-    int id = make();
+    const int id = make();
     if (id >= 0 || errno != EEXIST) return id;
-    if (removeDead() != Leftover::inUse) id = make();
-    if (id < 0) errno = EEXIST;
-    return id;
+    if (removeDead() != Leftover::inUse) return make();
+    errno = EEXIST;
+    return -1;
 }
 
 }  // namespace
@@ -619,9 +654,9 @@ bool NwShmMsgQueueSegment::giveTo(uid_t uid, gid_t gid) {
     segmentStatus.shm_perm.uid = uid;
     segmentStatus.shm_perm.gid = gid;
     semid_ds setStatus;
+    if (!statusOf(sem, &setStatus)) return false;
     SemaphoreArgument argument;
     argument.status = &setStatus;
-    if (::semctl(sem, 0, IPC_STAT, argument) != 0) return false;
     setStatus.sem_perm.uid = uid;
     setStatus.sem_perm.gid = gid;
     return ::shmctl(shm, IPC_SET, &segmentStatus) == 0 && ::semctl(sem, 0, IPC_SET, argument) == 0;

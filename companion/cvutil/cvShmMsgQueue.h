@@ -40,6 +40,7 @@
 #ifndef CVUTIL_CVSHMMSGQUEUE_H
 #define CVUTIL_CVSHMMSGQUEUE_H
 
+#include <sys/ipc.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -214,7 +215,8 @@ public:
     //
     // `nonBlocking`: as if setBlockingRead(false) followed. `skipBacklog`: what has been written before now
     // is not read. `clearAway`: when the server is found dead, this reader removes what it has left, the set
-    // and the segment of setSegmentId(), since nobody else will.
+    // and the segment of setSegmentId(), since nobody else will. Nothing is removed that cannot be a
+    // server's: without a sound queue, or a set of another size or another maker than the segment's.
     NwShmMsgQueueReader(void* queue, long capacity, int semId, int wakeSemaphore, bool nonBlocking,
                         bool skipBacklog, bool clearAway);
 
@@ -259,6 +261,7 @@ private:
     NWUTIL_LOCAL int over();
     NWUTIL_LOCAL bool sleepUntilWoken();
     NWUTIL_LOCAL void lookForDeath();
+    NWUTIL_LOCAL void clearAway(const ipc_perm* setPermissions);
     NWUTIL_LOCAL void lookForDeathNowAndThen();
 
     NwShmMsgQueueMgr mgr;
@@ -352,7 +355,8 @@ public:
 
     // Makes segment, queue (`capacity` bytes, see bytesFor()) and set for the user that the client runs as.
     // The calling process is the server whose end the client will notice. What a dead server has left under
-    // these keys is removed. False, errno set, and nothing remains: EEXIST if somebody alive uses the keys,
+    // these keys is removed. False, errno set, and nothing remains: EEXIST if a server that lives, another
+    // user, or something that is no queue has the keys (try the next slot),
     // EINVAL for a port outside 0 to 65535, a slot outside 0 to slotLimit - 1, a capacity that is none, or an
     // object that holds a queue already; else what the system said.
     bool create(int port, int slot, long capacity, uid_t clientUid, gid_t clientGid);

@@ -47,12 +47,13 @@ std::atomic<bool> theInterludeIsDue{false};
 }  // namespace
 
 // In place of the system library's, for everything in this program.
-extern "C" int semtimedop(int set, sembuf* operations, size_t count, const timespec* limit) noexcept {
+extern "C" __attribute__((visibility("default"))) int semtimedop(int set, sembuf* operations, size_t count,
+                                                                 const timespec* limit) noexcept {
     return static_cast<int>(
         ::syscall(SYS_semtimedop, set, operations, count, theSleepsAreEndless ? nullptr : limit));
 }
 
-extern "C" int semctl(int set, int number, int command, ...) noexcept {
+extern "C" __attribute__((visibility("default"))) int semctl(int set, int number, int command, ...) noexcept {
     va_list arguments;
     va_start(arguments, command);
     void* const argument = va_arg(arguments, void*);  // where there is none, the system does not look at it
