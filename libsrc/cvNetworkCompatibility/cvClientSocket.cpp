@@ -19,7 +19,6 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,6 +33,7 @@
 #include <cvutil/cvShmMsgQueue.h>
 
 #include "cvFilterValue.h"
+#include "cvSetting.h"
 
 int semid = -1;
 
@@ -60,19 +60,25 @@ bool isQuiet() {
     if (!isQuiet()) NwWarn("%s", text);
 }
 
+void closeIfOpen(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
 // Readable within the time: 1; not: 0; -1 with errno. `readable` tells whether the descriptor itself is.
 int waitForRead(int fd, double seconds, bool& readable) {
     readable = false;
     if (fd >= FD_SETSIZE) {  // a set does not reach that far
         pollfd wanted = {fd, POLLIN, 0};
-        const int result = ::poll(&wanted, 1, static_cast<int>(seconds * 1000));
+        const double most = 2147483;  // seconds, in milliseconds an int
+        const int milliseconds = seconds > 0 ? static_cast<int>(NwMin(seconds, most) * 1000) : 0;
+        const int result = ::poll(&wanted, 1, milliseconds);
         readable = result > 0;
         return result;
     }
-    fd_set wanted;
-    FD_ZERO(&wanted);
-    FD_SET(fd, &wanted);
-    fd_set working = wanted;
+    fd_set working;
+    FD_ZERO(&working);
+    FD_SET(fd, &working);
     const int result = NwSelect(fd + 1, &working, nullptr, nullptr, seconds);
     readable = result > 0 && FD_ISSET(fd, &working);
     return result;
@@ -145,18 +151,22 @@ NwClientSocket::~NwClientSocket() {
 
 void NwClientSocket::init(int newPort, unsigned int newAddr, int clientArg, unsigned short flags) {
     timeout = 5.0;
+    reader.reset();
     netSocket = nullptr;
     notifyPending = false;
     ok = false;
     notifyFd = -1;
     requestFd = -1;
+    wakeFd = -1;
     clientId = -1;
+    for (auto* test : {&exerciseIdTest, &protocolVersionTest, &pduKindTest, &ipAddrTest}) test->reset();
     addr = newAddr;
     std::memset(notifyPath, 0, sizeof notifyPath);
     port = newPort;
     internal = false;
     lastSource = 0;
     shmBase = nullptr;
+    controlMsg.reset();
     endNotice_ = 0;
     const int size = NwMax(NwMaxPacketSize(), 0);
     const std::size_t bytes = NwMax(static_cast<std::size_t>(size) + kHeaderSize, sizeof(NwCsMsg));
@@ -204,6 +214,9 @@ bool NwClientSocket::openSockets() {
     ::close(placeholder);
     notifyFd = NwOpenUnixDgram(notifyPath, NwUnixDgramBind, reporter);
     if (notifyFd < 0) return false;
+    // A way to the own socket that stays when its path goes: somebody may tidy up a /tmp.
+    wakeFd = NwOpenUnixDgram(notifyPath, NwUnixDgramConnect, reporter);
+    if (wakeFd < 0) return false;
     char serverPath[NwPacketServerPathSize];
     NwPacketServerRequestPath(static_cast<unsigned int>(port), serverPath, NwPacketServerVersion);
     requestFd = NwOpenUnixDgram(serverPath, NwUnixDgramConnect, reporter);
@@ -219,17 +232,17 @@ bool NwClientSocket::requestAttach(int clientArg, unsigned short flags, NwCsMsg*
     }
     const int length = readAnswer(answer, NwCsKindAck);
     if (!length) return false;
-    // Fields that did not come say nothing, not 0.
+    // Fields that did not come say nothing: without a key there is nothing to attach.
     if (length < static_cast<int>(sizeof(NwCsAckRecord)))
-        reinterpret_cast<NwCsAckRecord*>(answer)->shmKey = 0;
+        std::memset(reinterpret_cast<char*>(answer) + offsetof(NwCsAckRecord, shmKey), 0, sizeof(int));
     return true;
 }
 
 void NwClientSocket::settleNotifySocket(unsigned short flags) {
     if (flags & noNotifyFlag) {
         removeNotifyPath();
-        ::close(notifyFd);
-        notifyFd = -1;
+        closeIfOpen(notifyFd);
+        closeIfOpen(wakeFd);
     } else if (::fcntl(notifyFd, F_SETFL, O_NONBLOCK) == -1) {
         warnSystem("ClientSocket: fcntl(FNDELAY) notify skt failed");
     }
@@ -254,11 +267,11 @@ bool NwClientSocket::attachQueue(const NwCsAckMsg& ack, unsigned short flags) {
     }
     errno = EINVAL;  // for a key of 0
     const int set = ack.semKey() ? ::semget(ack.semKey(), isOld ? kOldSemaphores : kSemaphores, 0666) : -1;
+    nwChangeSetting(semid, set);
     if (set < 0) {
         if (!isQuiet()) NwWarnPerror("semget for key %d", ack.semKey());
         return false;
     }
-    semid = set;
     void* base = ::shmat(shm, nullptr, 0);
     if (base == reinterpret_cast<void*>(-1)) {
         if (!isQuiet()) NwWarnPerror("shmat for key %d", ack.semKey());  // meant: the other key
@@ -268,7 +281,10 @@ bool NwClientSocket::attachQueue(const NwCsAckMsg& ack, unsigned short flags) {
     reader.reset(new (std::nothrow)
                      NwShmMsgQueueReader(static_cast<char*>(base) + toServer, toClient - kQueueTrailer, set,
                                          0, (flags & nonBlockingFlag) != 0, false, true));
-    if (!reader) return false;
+    if (!reader) {
+        warn("NwClientSocket: no memory for the queue's reader\n");
+        return false;
+    }
     reader->setSegmentId(shm);
     return true;
 }
@@ -295,10 +311,7 @@ void NwClientSocket::cleanup() {
     for (NwCsFilterTest* test :
          {exerciseIdTest.get(), protocolVersionTest.get(), ipAddrTest.get(), pduKindTest.get()})
         if (test) test->cutOff();
-    if (notifyFd >= 0) ::close(notifyFd);
-    notifyFd = -1;
-    if (requestFd >= 0) ::close(requestFd);
-    requestFd = -1;
+    for (int* fd : {&notifyFd, &wakeFd, &requestFd}) closeIfOpen(*fd);
     if (shmBase) ::shmdt(shmBase);
     shmBase = nullptr;
     controlMsg.reset();
@@ -343,11 +356,15 @@ int NwClientSocket::readAnswer(NwCsMsg* buf, char expectedKind) {
     if (notifyFd < 0) return 0;
     char kind = 0;
     const int length = timedRecv(reinterpret_cast<char*>(buf), sizeof *buf, &kind);
-    if (length < 1 || kind == expectedKind) return length;
-    if (kind == NwCsKindQuota)
+    if (length < 1) return 0;
+    if (kind == NwCsKindQuota) {  // whatever was expected
         warn("NwClientSocket: server client quota exceeded\n");
-    else if (!isQuiet())
-        NwWarn("ClientSocket getPs: %d not the anticipated kind (%d)\n", kind, expectedKind);
+        return 0;
+    }
+    if (kind == expectedKind) return length;
+    if (!isQuiet())
+        NwWarn("ClientSocket getPs: %d not the anticipated kind (%d)\n", static_cast<unsigned char>(kind),
+               static_cast<unsigned char>(expectedKind));
     return 0;
 }
 
@@ -456,16 +473,13 @@ int NwClientSocket::NwBecomeNonBlocking() {
 
 void NwClientSocket::notifyMe() {
     if (!guard()) return;
+    // A wake-up that came behind its message, and would end the next wait before its time.
+    if (notifyPending && notifyFd >= 0) drainNotifySocket();
     notifyPending = true;
-    if (!reader->queueMgr().setNotifyReader(reader->msgsRcvd() + 1)) return;
+    if (!reader->queueMgr().setNotifyReader(reader->msgsRcvd() + 1) || wakeFd < 0) return;
     // The message came before the wish: this client wakes itself.
-    sockaddr_un own = sockaddr_un();
-    own.sun_family = AF_UNIX;
-    static_assert(sizeof own.sun_path > sizeof "/tmp/cvcXXXXXX", "the path fits");
-    std::memcpy(own.sun_path, notifyPath, sizeof own.sun_path - 1);
     const char datagram[2] = {0, 0};
-    ::sendto(notifyFd, datagram, sizeof datagram, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&own),
-             sizeof own);
+    ::send(wakeFd, datagram, sizeof datagram, MSG_DONTWAIT);
 }
 
 void NwClientSocket::drainNotifySocket() {

@@ -22,8 +22,8 @@ extern CVNC_API int semid;
 //
 //     socket.exerciseId().setTest(NwTestInclude, 2, exercises);   // three messages to the server
 //
-// Sending waits while the server has no room, 5 s at most; a message that does not get through is lost
-// without a word. Used by the socket's thread only.
+// Each message (one for each value of extendTest) waits while the server has no room, 5 s at most; one that
+// does not get through is lost without a word. Used by the socket's thread only.
 class CVNC_API NwCsFilterTest : public NwFilterTest {
 public:
     // A new test excludes nothing, and the server is told so at once. fd is the client's request socket;
@@ -54,11 +54,13 @@ private:
 // port, takes datagrams apart, filters for each client, and hands packets over through shared memory; what
 // is sent leaves through a UDP socket of the client's own.
 //
-//     if (NwPacketServerIsAlive(3000) == 1) {
-//         NwClientSocket socket(3000, NwUSE_DEFAULT_IP_ADDR, -1, NwClientSocket::defaultFlags);
-//         socket.pduKind().setTest(NwTestInclude, 1, &entityState);      // done by the server
+//     if (NwPacketServerIsAlive(3000) == 1) {                            // cvutil/cvPacketServer.h
+//         auto* socket = new NwClientSocket(3000, NwUSE_DEFAULT_IP_ADDR, -1, NwClientSocket::defaultFlags);
+//         socket->pduKind().setTest(NwTestInclude, 1, &entityState);     // done by the server
 //         char* packet = nullptr;
-//         while (int length = socket.NwRecv(&packet, nullptr)) use(packet, length);
+//         while (!isDone && socket->isOk())
+//             if (int length = socket->NwRecv(&packet, nullptr)) use(packet, length);
+//         if (socket->isOk()) delete socket;                             // else leave it: see below
 //     }
 //
 // NwNewDfltSocket makes one when there is a server. The filter tests work at the server: accept passes
@@ -66,8 +68,9 @@ private:
 //
 // Fatal endings. An attach that fails prints why, and then NwFatalError("ClientSock not ok\n") ends the
 // process. So do the operations called guarded below on a socket that is not ok, and the destructor of one: a
-// server that goes away leaves a socket that may only be asked isOk(). If the application's fatal handler
-// returns, a guarded operation has done nothing and gives 0, -1 or false. Look at isOk() after each receive.
+// server that goes away leaves a socket that may only be asked isOk(), and that a program which wants to go
+// on neither uses nor deletes. If the application's fatal handler returns, a guarded operation has done
+// nothing and gives 0, -1 or false. Look at isOk() after each receive.
 //
 // How it ends otherwise: the server stops (status 0, isOk() false, and a notice is printed), or dismisses
 // this client in the same way; a notice of the server that says so releases everything at once; the notify
@@ -88,18 +91,20 @@ public:
         controlOnlyFlag = NwCsClientControlOnly   // no packets, only control requests and their answers
     };
 
-    // Attaches to the server of `port`, which waits up to 5 s for its answer. addr is the destination in the
-    // sense of NwNetSocket, and the group to join if it is multicast (host byte order). clientArg is the
-    // application's own number, passed on.
+    // Attaches to the server of `port`, and waits up to 5 s for its answer (while the server has no room for
+    // requests, up to 5 s for each of them as well). addr is the destination in the sense of NwNetSocket, and
+    // the group to join if it is multicast (host byte order). clientArg is the application's own number,
+    // passed on.
     NwClientSocket(int port, unsigned int addr, int clientArg, unsigned short flags);
     NwClientSocket(int port, int clientArg, unsigned short flags);  // addr 0
     // Flushes bundles, tells the server, releases everything. Fatal for a socket that is not ok.
     ~NwClientSocket() override;
 
-    // The attach, once, as the constructors call it; and the release of all it made, which is fatal when the
-    // socket is not ok (after the notify path and the reader are gone). Repeated release does no harm. The
-    // sending socket is never destroyed, as documented. Filter tests that the application still refers to
-    // stay until the destructor, and tell nobody any more.
+    // The attach, as the constructors call it, for a socket that is not attached; and the release of all it
+    // made, which is fatal when the socket is not ok (after the notify path and the reader are gone). A
+    // release after the release is fatal too, and frees nothing twice. The sending socket is never destroyed,
+    // as documented. Filter tests that the application still refers to stay until the destructor, and tell
+    // nobody any more.
     void init(int port, unsigned int addr, int clientArg, unsigned short flags);
     void cleanup();
 
@@ -108,9 +113,10 @@ public:
     int sendTo(char* buf, unsigned long len, unsigned int addr) override;
 
     // Guarded. Takes one message from the queue. A packet: its length, *buf points to it until the next
-    // receive, status 1 (a packet of no bytes gives 0, with *buf set). Nothing there, or the server gone
-    // (isOk() is false then): 0, status 0. A message of the server for this client, which is printed, or one
-    // that is damaged: 0, status -1; call again. *buf is null without a packet. status may be null.
+    // receive or the release, status 1 (a packet of no bytes gives 0, with *buf set). Nothing there, a
+    // blocking receive that a signal handler ended, or the server gone (isOk() is false then): 0, status 0. A
+    // message of the server for this client, which is printed, or one that is damaged: 0, status -1; call
+    // again. *buf is null without a packet. status may be null.
     int NwRecv(char** buf, int* status) override;
     // Copies at most size bytes of the next packet to buf; returns its full length, 0 without one.
     int NwRecv(char* buf, unsigned long size) override;
@@ -122,10 +128,10 @@ public:
     void notifyMe() override;
     void drainNotifySocket();
 
-    // Guarded. True if the request was made; for an address that is no group (host byte order), "ADDRESS is
-    // not a multicast address: Can't subscribe\n" (or "drop") and false. Memberships are the client's own;
-    // the server joins for the first and leaves with the last. (The two-argument forms of the base do
-    // nothing.)
+    // Guarded. True for a group, whether or not the request got through; for an address that is no group
+    // (host byte order), "ADDRESS is not a multicast address: Can't subscribe\n" (or "drop") and false.
+    // Memberships are the client's own; the server joins for the first and leaves with the last. (The
+    // two-argument forms of the base do nothing.)
     bool listenToMulticastGroup(unsigned int group);
     bool dropMulticastGroup(unsigned int group);
     using NwSocket::dropMulticastGroup;
@@ -135,7 +141,7 @@ public:
 
     // Guarded. Requests to the server: keep packets on this host or not; have all clients told of a test, or
     // pinged; its state and its clients' states, which come back as messages and are printed; stop. Some need
-    // permission. Nothing is sent before the attach. disconnectFromServer is what cleanup() calls.
+    // permission. disconnectFromServer is what cleanup() calls.
     void setPacketServerExternal();
     void setPacketServerInternal();
     void testClients();
@@ -164,14 +170,18 @@ public:
     int endNotice() const { return endNotice_; }
 
     // The steps of an attach that wait for an answer on the notify socket, 5 s at most. timedRecv reads one
-    // datagram of at most size bytes to buf, sets *kind to its first byte, and returns its length, or 0.
-    // getPsMsg gives buf (room for an NwCsMsg) if a message of that kind came, else null. Both print why not.
+    // datagram of at most size bytes to buf, sets *kind to its first byte (127 until then), and returns its
+    // length, or 0 and prints why (but not if another reader was quicker). A descriptor that cannot be read
+    // makes the socket not ok. getPsMsg gives buf (room for an NwCsMsg) if a message of that kind came, else
+    // null; the server's word that it has no place is no answer, whatever was expected.
     int timedRecv(char* buf, unsigned long size, char* kind);
     NwCsMsg* getPsMsg(NwCsMsg* buf, char expectedKind);
     // Whether the server has said that this client must go; then a notice is printed and everything released.
-    // For applications that do not receive: NwRecv does not need it.
+    // For applications that do not receive: NwRecv does not need it, and after NwRecv has seen the end this
+    // is fatal.
     void checkGoAway();
-    // Prints a message of the server, and releases everything if it is a notice that the attachment is over.
+    // Prints a message of the server, and releases everything if it is a notice that the attachment is over
+    // (fatal for a socket that is not ok).
     void processControlMsg(NwCsMsg* msg);
 
 protected:
@@ -197,6 +207,7 @@ protected:
     std::unique_ptr<NwCsControlReqMsg> controlMsg;
     int recvCapacity;  // of recvBuffer, in units of 8 bytes
     int endNotice_;
+    int wakeFd;  // leads to notifyFd, by which this client wakes itself
 
 private:
     CVNC_LOCAL bool attach(int clientArg, unsigned short flags);

@@ -304,8 +304,9 @@ protected:
 //
 // addr is the destination, and the group to listen to if it is multicast (host byte order; 0: the broadcast
 // address of the host's first interface). The caller deletes the socket. Never null: look at isOk(), unless
-// NwNetSocket::initErrorAction ends the process first. A server too old to be used is reported on NwWarn and
-// counts as none.
+// the process has ended by then: for a UDP socket as NwNetSocket::initErrorAction says, for a client that the
+// server does not take (no place left, not allowed, no answer) always, see NwClientSocket. A server too old
+// to be used is reported on NwWarn and counts as none.
 CVNC_API NwSocket* NwNewDfltSocket(int port, unsigned int addr, bool async);
 
 #endif
