@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +29,20 @@
 #include "network.h"
 #include "process.h"
 #include "tcp_peer.h"
+
+// --- reads, counted ---------------------------------------------------------------------------------------
+
+namespace {
+
+std::atomic<long> theReads{0};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t recv(int fd, void* bytes, size_t length,
+                                                               int flags) {
+    ++theReads;
+    return ::syscall(SYS_recvfrom, fd, bytes, length, flags, nullptr, nullptr);
+}
 
 // --- a file arrives -------------------------------------------------------------------------------------
 
@@ -487,6 +502,17 @@ TEST_F(FileReceive, bytesThatCompleteNoDataAreNoProgress) {
         EXPECT_EQ(messages.warn(), kNoProgress);
         messages.debug();
     }
+}
+
+// It waits for the descriptor: a receiver that asked again and again would do so a hundred thousand times in
+// this half second.
+TEST_F(FileReceive, asksSeldomWhileAPeerIsSilent) {
+    const StallLimits limits(30, 0.5);
+    theReads = 0;
+    deliver(FirstMessage(kId, "file", "some").announcing(100).bytes());
+    EXPECT_EQ(messages.warn(), kNoProgress);
+    EXPECT_GE(theReads, 3) << "a length, a message, nothing";
+    EXPECT_LE(theReads, 1000);
 }
 
 // As fast as the connection takes them: there is always something to read, and never a byte of a file that

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -42,6 +43,20 @@ extern "C" __attribute__((visibility("default"))) time_t time(time_t* result) no
     const time_t seconds = theTimeOfDay < 0 ? now.tv_sec : theTimeOfDay.load();
     if (result) *result = seconds;
     return seconds;
+}
+
+// --- sends, counted ---------------------------------------------------------------------------------------
+
+namespace {
+
+std::atomic<long> theSends{0};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, const void* bytes, size_t length,
+                                                               int flags) {
+    ++theSends;
+    return ::syscall(SYS_sendto, fd, bytes, length, flags, nullptr, 0);
 }
 
 namespace {
@@ -578,6 +593,18 @@ TEST_F(FileSend, aReceiverThatStallsEndsItAfterTheLimit) {
         EXPECT_EQ(messages.warn(), refusal(": no progress sending file ", path));
     }
     NwSocket::setQuietSockets(false);
+}
+
+// It waits for room on the descriptor: a sender that asked again and again would do so a hundred thousand
+// times in this half second.
+TEST_F(FileSend, asksSeldomWhileAReceiverTakesNothing) {
+    const StallLimits limits(0.5, 0);
+    const std::string path = dir.write("file", randomBytes(16 << 20));
+    const MessageLimit limit(32 << 20);  // one message: some sends fill the kernel, the others are tries
+    theSends = 0;
+    EXPECT_FALSE(send(path));
+    EXPECT_GE(theSends, 2);
+    EXPECT_LE(theSends, 1000);
 }
 
 TEST_F(FileSend, aLimitOfZeroWaitsForEver) {
