@@ -17,7 +17,7 @@
 #include "clients.h"
 #include "packets.h"
 #include "private_host.h"
-#include "server_process.h"
+#include "packet_server_process.h"
 
 using testing::Contains;
 using testing::HasSubstr;

@@ -12,7 +12,7 @@
 #include "clients.h"
 #include "packets.h"
 #include "private_host.h"
-#include "server_process.h"
+#include "packet_server_process.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

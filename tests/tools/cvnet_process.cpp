@@ -177,15 +177,6 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-std::vector<nlohmann::json> jsonLines(const std::string& text) {
-    std::vector<nlohmann::json> objects;
-    for (const std::string& line : linesOf(text)) {
-        objects.push_back(nlohmann::json::parse(line, nullptr, false));
-        EXPECT_TRUE(objects.back().is_object()) << line;
-    }
-    return objects;
-}
-
 nlohmann::json eventOf(const std::vector<nlohmann::json>& lines, const std::string& event) {
     for (const nlohmann::json& line : lines) {
         if (line.value("event", "") == event) return line;

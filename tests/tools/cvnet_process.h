@@ -6,9 +6,10 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+#include "json_lines.h"
 
 using Arguments = std::vector<std::string>;
 
@@ -67,8 +68,6 @@ void setVariable(const char* name, const char* value);
 // Starts it and waits for its end.
 CvnetResult cvnet(const Arguments& arguments);
 
-// Every line of text as JSON; a line that is none fails the test.
-std::vector<nlohmann::json> jsonLines(const std::string& text);
 // The line with that event; fails the test when there is none.
 nlohmann::json eventOf(const std::vector<nlohmann::json>& lines, const std::string& event);
 

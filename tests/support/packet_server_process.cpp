@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include "server_process.h"
+#include "packet_server_process.h"
 
 #include <cvutil/cvPacketServer.h>
 #include <fcntl.h>
@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
 #include "network.h"
@@ -191,15 +190,4 @@ void Server::stop() {
     myDaemon->signal(SIGTERM);
     const DaemonResult result = myDaemon->finish();
     EXPECT_EQ(result.exitStatus, 0) << result.signal << result.errors;
-}
-
-std::vector<nlohmann::json> jsonLines(const std::string& text) {
-    std::vector<nlohmann::json> objects;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        if (stream.eof()) break;  // a line that is still being written
-        objects.push_back(nlohmann::json::parse(line, nullptr, false));
-        EXPECT_TRUE(objects.back().is_object()) << line;
-    }
-    return objects;
 }

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The real cvpacketserver as a child process, with a run directory of its own.
-#ifndef CVNC_TESTS_SERVER_PROCESS_H
-#define CVNC_TESTS_SERVER_PROCESS_H
+#ifndef CVNC_TESTS_PACKET_SERVER_PROCESS_H
+#define CVNC_TESTS_PACKET_SERVER_PROCESS_H
 
 #include <sys/types.h>
 
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+#include "json_lines.h"
 
 using Arguments = std::vector<std::string>;
 
@@ -110,8 +111,5 @@ private:
     const int myPort;
     std::unique_ptr<DaemonProcess> myDaemon;
 };
-
-// Every line as JSON; a line that is none fails the test.
-std::vector<nlohmann::json> jsonLines(const std::string& text);
 
 #endif
