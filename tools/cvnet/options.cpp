@@ -13,6 +13,7 @@
 #include <CLI/Validators.hpp>
 
 #include <cvNetworkCompatibility/cvSocket.h>
+#include <cvutil/cvPacketServer.h>
 
 #include "address.h"
 #include "failure.h"
@@ -116,6 +117,16 @@ void StallOption::declare(CLI::App& app, const char* purpose) {
 
 void StallOption::check() const {
     checkRange("--stall", seconds, 0.0, kMaxStallSeconds);
+}
+
+void RunDirOption::declare(CLI::App& app) {
+    app.add_option("--run-dir", directory, "Look for the packet server here (its own --run-dir)")
+        ->type_name("DIR");
+}
+
+void RunDirOption::apply() const {
+    if (!NwSetPacketServerDirectory(directory.c_str()))
+        throw UsageFailure("--run-dir: the name is too long: " + printable(directory));
 }
 
 void InterfaceOption::declare(CLI::App& app, const char* purpose) {

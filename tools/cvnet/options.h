@@ -55,6 +55,15 @@ struct StallOption {
     void check() const;
 };
 
+/// --run-dir DIR: where to look for packet servers.
+struct RunDirOption {
+    std::string directory;  // empty: the library's usual places
+
+    void declare(CLI::App& app);
+    /// Makes it the library's. Throws UsageFailure.
+    void apply() const;
+};
+
 /// --interface NAME|ADDRESS
 struct InterfaceOption {
     std::string nameOrAddress;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Packets come one by one from an NwNetSocket that does not block; when there are none, the tool waits for
-// the descriptor, for Ctrl-C, or for the next thing that is due.
+// Packets come one by one from a socket that does not block; when there are none, the tool waits for the
+// descriptor, for Ctrl-C, or for the next thing that is due.
 #include "recv.h"
 
 #include <netinet/in.h>
@@ -31,6 +31,8 @@
 #include "output.h"
 #include "port_owner.h"
 #include "receiving_socket.h"
+#include "server_client.h"
+#include "server_socket.h"
 #include "stop_signal.h"
 #include "stream_format.h"
 #include "stream_socket.h"
@@ -58,6 +60,10 @@ struct RecvOptions {
     FilterOptions filters;
     bool noHeaderTest = false;
     bool async = false;
+    bool isServer = false;
+    bool isAuto = false;
+    RunDirOption runDir;  // with either
+    bool keepsBundles = false;
     std::optional<std::string> tcp;  // HOST:PORT
     StreamFormat format;             // with --tcp
     std::string send;                // a capture, with --tcp
@@ -81,6 +87,8 @@ struct Place {
         return bindTo != 0 ? bindTo : groups.empty() ? 0 : groups.front();
     }
     std::string text() const;
+    /// The interface that groups are joined on where the tool joins them itself. Throws Failure.
+    void chooseDevice();
 };
 
 Place::Place(const RecvOptions& options) : groups(addressesFromTexts(options.groups, "--group")) {
@@ -100,6 +108,9 @@ Place::Place(const RecvOptions& options) : groups(addressesFromTexts(options.gro
     }
     if (bindTo != 0 && groups.empty() && NwIsMulticastAddr(bindTo)) groups.push_back(bindTo);
     device = options.interface.address();
+}
+
+void Place::chooseDevice() {
     if (device == 0 && !groups.empty()) device = NwFirstHostInetAddr();
     if (device == 0 && !groups.empty()) {
         throw Failure(
@@ -113,7 +124,7 @@ std::string Place::text() const {
     std::string text;
     if (bindTo != 0) text += fmt::format(", bound to {}", addressText(bindTo));
     for (NwIpv4Addr group : groups) text += fmt::format(", group {}", addressText(group));
-    if (!groups.empty()) text += fmt::format(" on {}", addressText(device));
+    if (device != 0 && !groups.empty()) text += fmt::format(" on {}", addressText(device));
     return text;
 }
 
@@ -142,18 +153,24 @@ void setReceiveBuffer(NwNetSocket& socket, int wantedBytes) {
     }
 }
 
-void joinFurtherGroups(NwNetSocket& socket, const Place& place) {
+// All but the one that the construction has joined (0: none).
+void joinGroups(NwNetSocket& socket, const Place& place, NwIpv4Addr joined) {
     for (NwIpv4Addr group : place.groups) {
-        if (group == place.constructorAddress()) continue;
-        if (socket.listenToMulticastGroup(group, NwUSE_DEFAULT_IP_ADDR) != 1) {
+        if (group == joined) continue;
+        if (socket.listenToMulticastGroup(group, place.device) != 1) {
             throw Failure(fmt::format("cannot join {} on {}: {}", addressText(group),
                                       addressText(place.device), takeLibraryReason("refused")));
         }
     }
 }
 
-std::unique_ptr<NwNetSocket> openSocket(const RecvOptions& options, const Place& place,
-                                        ReceiveCounts& counts) {
+void warnOfOwner(int port, const PortOwner& owner) {
+    warningLine(fmt::format("port {} is already open in {}: a unicast datagram reaches only one of them",
+                            port, portOwnerText(owner)));
+}
+
+std::unique_ptr<NwNetSocket> openUdp(const RecvOptions& options, Place& place, ReceiveCounts& counts) {
+    place.chooseDevice();
     const auto owner = options.port.port == 0
                            ? std::nullopt
                            : portOwner(static_cast<unsigned>(options.port.port), place.bindTo);
@@ -180,14 +197,25 @@ std::unique_ptr<NwNetSocket> openSocket(const RecvOptions& options, const Place&
         if (!warning.empty())
             throw Failure(fmt::format("cannot join {}: {}", addressText(place.groups.front()), warning));
     }
-    joinFurtherGroups(*socket, place);
-    if (owner) {
-        warningLine(fmt::format("port {} is already open in {}: a unicast datagram reaches only one of them",
-                                options.port.port, portOwnerText(*owner)));
-    }
+    joinGroups(*socket, place, address);
+    if (owner) warnOfOwner(options.port.port, *owner);
     setReceiveBuffer(*socket, options.rcvbufBytes);
     if (options.noHeaderTest) socket->enableDisHeaderTest(false);
     socket->NwBecomeNonBlocking();
+    return socket;
+}
+
+// What the library makes of the port by itself: a client of its packet server, or a UDP socket, which is to
+// take any address (it is made for sending too, to loopback, and sends nothing here).
+SocketPtr<NwSocket> openDefault(const RecvOptions& options, Place& place) {
+    const auto owner = portOwner(static_cast<unsigned>(options.port.port), 0);
+    SocketPtr<NwSocket> socket = openDefaultSocket(options.port.port, loopbackAddr, options.async);
+    if (auto* const udp = dynamic_cast<NwNetSocket*>(socket.get())) {
+        place.chooseDevice();
+        joinGroups(*udp, place, 0);
+        if (owner) warnOfOwner(options.port.port, *owner);
+        if (options.noHeaderTest) udp->enableDisHeaderTest(false);
+    }
     return socket;
 }
 
@@ -227,12 +255,15 @@ public:
 private:
     using Seconds = std::chrono::duration<double>;
 
+    void openSocket();
+    void attachToServer(NwClientSocket& client);
     void announceStream();
     void advanceSource();
     Clock::time_point sendDue() const;
     void sendOwn(Clock::time_point now);
     void finishStream();
     bool receiveOne();
+    void countOne();
     void countQueued();
     void deliver(const PduView& packet);
     void save(const PduView& packet);
@@ -254,6 +285,7 @@ private:
     double activeSeconds() const {
         return datagramsSeen_ == 0 ? 0.0 : Seconds(lastArrival_ - firstArrival_).count();
     }
+    unsigned port() const;
     std::string totalsText() const;
     std::string oddTotalsText() const;
     std::string totalsJson() const;
@@ -267,9 +299,12 @@ private:
     Place place_;
     std::unique_ptr<CaptureWriter> writer_;
     ReceiveCounts counts_;
-    std::unique_ptr<NwSocket> socket_;
+    SocketPtr<NwSocket> socket_;
     NwNetSocket* udp_ = nullptr;             // that socket, or
-    ReceivingStream* stream_ = nullptr;      // with --tcp
+    ReceivingStream* stream_ = nullptr;      // with --tcp, or
+    std::optional<ServerClient> server_;     // what there is beside it as a client of a packet server
+    bool isCounting_ = false;                // the socket fills counts_ by itself
+    bool isQueue_ = false;                   // filled by a thread: the descriptor is not the tool's to watch
     std::unique_ptr<CaptureSource> source_;  // with --send, until everything is sent
     Destinations destinations_;
     Tally tally_;
@@ -289,37 +324,60 @@ private:
 
 Receiver::Receiver(const RecvOptions& options, Output& out)
     : options_(options), out_(out), filters_(options.filters), place_(options), destinations_(place_) {
-    if (!options_.tcp) {
-        auto socket = openSocket(options_, place_, counts_);
-        udp_ = socket.get();
-        socket_ = std::move(socket);
-    } else {
-        if (!options_.send.empty()) source_ = std::make_unique<CaptureSource>(options_.send, 1);
-        auto stream = std::make_unique<ReceivingStream>(endpointFromText(*options_.tcp, "--tcp"),
-                                                        options_.format, counts_);
-        stream_ = stream.get();
-        socket_ = std::move(stream);
-    }
+    openSocket();
     // Not before: a file that is there is emptied by this.
     if (!options_.write.empty()) writer_ = std::make_unique<CaptureWriter>(options_.write);
     applyFilter(socket_->protocolVersion(), filters_.version);
     applyFilter(socket_->exerciseId(), filters_.exercise);
     applyFilter(socket_->pduKind(), filters_.type);
     applyFilter(socket_->ipAddr(), filters_.from);
+    if (options_.keepsBundles) socket_->setUnbundling(0);
+    if (server_) server_->settle();  // with these filters from the first packet on
+}
+
+void Receiver::openSocket() {
+    isCounting_ = !options_.async && !options_.isAuto;
+    if (options_.tcp) {
+        if (!options_.send.empty()) source_ = std::make_unique<CaptureSource>(options_.send, 1);
+        socket_.reset(
+            new ReceivingStream(endpointFromText(*options_.tcp, "--tcp"), options_.format, counts_));
+    } else if (options_.isServer) {
+        socket_ = cvnet::attachToServer(options_.port.port, loopbackAddr, NwClientSocket::defaultFlags);
+    } else if (options_.isAuto) {
+        socket_ = openDefault(options_, place_);
+    } else {
+        socket_.reset(openUdp(options_, place_, counts_).release());
+    }
+    stream_ = dynamic_cast<ReceivingStream*>(socket_.get());
+    udp_ = dynamic_cast<NwNetSocket*>(socket_.get());
+    isQueue_ = dynamic_cast<NwAsyncNetSocket*>(udp_) != nullptr;
+    if (auto* const client = dynamic_cast<NwClientSocket*>(socket_.get())) attachToServer(*client);
+}
+
+void Receiver::attachToServer(NwClientSocket& client) {
+    server_.emplace(client, options_.port.port, options_.report, out_);
+    for (NwIpv4Addr group : place_.groups) client.listenToMulticastGroup(group);
+}
+
+unsigned Receiver::port() const {
+    return server_ ? static_cast<unsigned>(options_.port.port) : boundPort(socket_->readFd());
 }
 
 void Receiver::announce() {
     if (stream_) return announceStream();
-    const unsigned port = boundPort(socket_->readFd());
     if (options_.report.json) {
         nlohmann::ordered_json groups = nlohmann::ordered_json::array();
         for (NwIpv4Addr group : place_.groups) groups.push_back(addressText(group));
-        out_.line(jsonLine({{"event", "listening"},
-                            {"port", port},
-                            {"bind", addressText(place_.bindTo)},
-                            {"groups", groups}}));
+        nlohmann::ordered_json line = {{"event", "listening"},
+                                       {"port", port()},
+                                       {"bind", addressText(place_.bindTo)},
+                                       {"groups", groups}};
+        if (server_) line["client"] = server_->id();
+        out_.line(jsonLine(line));
     } else {
-        out_.line(fmt::format("listening on port {}{}", port, place_.text()));
+        const std::string how =
+            server_ ? fmt::format(" as client {} of its packet server", server_->id()) : "";
+        out_.line(fmt::format("listening on port {}{}{}", port(), how, place_.text()));
     }
     out_.flush();
     start_ = lastHeard_ = redrawDue_ = Clock::now();
@@ -369,6 +427,7 @@ void Receiver::receiveAll() {
     out_.flush();
     if (writer_) writer_->flush();
     if (stream_) finishStream();
+    if (server_) server_->finish();
 }
 
 void Receiver::finishStream() {
@@ -386,7 +445,13 @@ bool Receiver::receiveOne() {
     char* bytes = nullptr;
     int status = 0;
     const int length = socket_->NwRecv(&bytes, &status);
-    if (options_.async) countQueued();
+    if (server_) {
+        server_->look(status);
+        if (status == -1) return true;
+        if (status == 1) countOne();
+    } else if (!isCounting_) {
+        countQueued();
+    }
     if (counts_.datagrams != datagramsSeen_) {
         lastHeard_ = lastArrival_ = Clock::now();
         if (datagramsSeen_ == 0) firstArrival_ = lastArrival_;
@@ -406,7 +471,12 @@ bool Receiver::receiveOne() {
     return true;
 }
 
-// What any application can know of an asynchronous socket.
+void Receiver::countOne() {
+    ++counts_.datagrams;
+    ::clock_gettime(CLOCK_REALTIME, &counts_.arrival);
+}
+
+// What any application can know of a socket that is not of the tool's own kind.
 void Receiver::countQueued() {
     const auto delivered = static_cast<unsigned>(socket_->NwReportPktsRcvd());
     const unsigned more =
@@ -417,7 +487,7 @@ void Receiver::countQueued() {
 }
 
 void Receiver::deliver(const PduView& packet) {
-    tally_.add(packet, stream_ ? Tally::kNoDatagram : counts_.datagrams,
+    tally_.add(packet, udp_ ? counts_.datagrams : Tally::kNoDatagram,
                {socket_->lastSourceInetAddr(), counts_.sourcePort});
     if (writer_) save(packet);
     if (!showsLines()) return;
@@ -433,7 +503,7 @@ void Receiver::save(const PduView& packet) {
     datagram.sourceHostOrder = socket_->lastSourceInetAddr();
     datagram.sourcePort = counts_.sourcePort;
     datagram.destinationHostOrder = destinations_.of(datagram.sourceHostOrder);
-    datagram.destinationPort = boundPort(socket_->readFd());
+    datagram.destinationPort = port();
     datagram.payload = Bytes{packet.bytes(), packet.lengthBytes()};
     writer_->write(datagram, counts_.arrival);
 }
@@ -459,7 +529,7 @@ std::string Receiver::oddText(const PduView& packet) const {
             break;
     }
     const std::string rest = fmt::format("UNDIVIDED REST: its length field says {}", packet.declaredLength());
-    return options_.noHeaderTest || stream_
+    return options_.noHeaderTest || options_.keepsBundles || !udp_
                ? rest
                : fmt::format("{}; {} splits by the length fields alone", rest, kHeaderTestOption);
 }
@@ -516,13 +586,14 @@ void Receiver::doWhatIsDue(Clock::time_point now) {
 void Receiver::idle() {
     if (writer_) writer_->flush();
     out_.flush();
-    if (stream_) {
-        stream_->waitAndFlush(nextEvent());
+    if (stream_ || server_) {
+        if (stream_) stream_->waitAndFlush(nextEvent());
+        if (server_) server_->wait(nextEvent());
         out_.lookForReader();
         return;
     }
     // The descriptor of an asynchronous socket is its worker's: the queue is looked at instead.
-    const bool mayWait = !options_.async;
+    const bool mayWait = !isQueue_;
     const std::optional<Clock::time_point> until = mayWait ? nextEvent() : Clock::now() + kQueuePeriod;
     if (!StopSignal::wait(mayWait ? socket_->readFd() : -1, until)) out_.lookForReader();
 }
@@ -538,10 +609,18 @@ void Receiver::showHint() {
                               stream_->peer().text()));
         return;
     }
+    if (server_) {
+        errorLine(
+            fmt::format("nothing has come for {} s. `cvnet server clients --port {}` tells what the server "
+                        "hands over and "
+                        "keeps back, `cvnet server status --port {}` what reaches the port",
+                        kHintAfter.count(), port(), port()));
+        return;
+    }
     errorLine(fmt::format(
         "nothing has come for {} s. Does the sender use port {} and the interface that this host listens "
         "on{}? Does a firewall drop UDP here?",
-        kHintAfter.count(), boundPort(socket_->readFd()),
+        kHintAfter.count(), port(),
         place_.groups.empty() ? " (groups need --group)" : " and the same group"));
 }
 
@@ -555,7 +634,7 @@ void Receiver::drawSummary() {
 std::string Receiver::totalsText() const {
     const Count& total = tally_.total();
     std::string text = "received " + tally_.packetsText();
-    if (!stream_) text += " in " + counted(total.datagrams, "datagram");
+    if (udp_) text += " in " + counted(total.datagrams, "datagram");
     if (total.datagrams != 0) {
         text += fmt::format(" ({:.2f} a datagram)",
                             static_cast<double>(total.pdus) / static_cast<double>(total.datagrams));
@@ -565,8 +644,11 @@ std::string Receiver::totalsText() const {
 }
 
 std::string Receiver::oddTotalsText() const {
-    std::string text = fmt::format("refused by filters: {}; undivided rests: {}; cut: {}; ", refused_,
-                                   tally_.rests().pdus, tally_.cut().pdus);
+    // What a server keeps back it tells at the end, if it can.
+    const std::optional<std::uint64_t> refused = server_ ? server_->filtered() : refused_;
+    std::string text = refused ? fmt::format("refused by filters: {}; ", *refused) : "";
+    text += fmt::format("undivided rests: {}; cut: {}; ", tally_.rests().pdus, tally_.cut().pdus);
+    if (server_) return text + fmt::format("dropped for this client: {}", server_->dropped());
     if (counts_.tooShort) {
         text += fmt::format("too short: {}; mixed bundles: {}; ", *counts_.tooShort + *counts_.empty,
                             *counts_.mixed);
@@ -585,24 +667,29 @@ nlohmann::ordered_json numberOrNull(const std::optional<std::uint64_t>& number) 
 }
 
 std::string Receiver::totalsJson() const {
-    nlohmann::ordered_json json = {{"event", "totals"},
-                                   {"pdus", tally_.wholePdus()},
-                                   {"datagrams", tally_.total().datagrams},
-                                   {"bytes", tally_.total().bytes},
-                                   {"seconds", activeSeconds()},
-                                   {"datagramsRead", counts_.datagrams},
-                                   {"refused", refused_},
-                                   {"undivided", tally_.rests().pdus},
-                                   {"cut", tally_.cut().pdus},
-                                   {"tooShort", numberOrNull(counts_.tooShort)},
-                                   {"empty", numberOrNull(counts_.empty)},
-                                   {"mixedBundles", numberOrNull(counts_.mixed)},
-                                   {"kernelDrops", nullptr},
-                                   {"types", tally_.typesJson()},
-                                   {"exercises", tally_.exercisesJson()},
-                                   {"sources", tally_.sourcesJson()}};
+    nlohmann::ordered_json json = {
+        {"event", "totals"},
+        {"pdus", tally_.wholePdus()},
+        {"datagrams", tally_.total().datagrams},
+        {"bytes", tally_.total().bytes},
+        {"seconds", activeSeconds()},
+        {"datagramsRead", counts_.datagrams},
+        {"refused", server_ ? numberOrNull(server_->filtered()) : nlohmann::ordered_json(refused_)},
+        {"undivided", tally_.rests().pdus},
+        {"cut", tally_.cut().pdus},
+        {"tooShort", numberOrNull(counts_.tooShort)},
+        {"empty", numberOrNull(counts_.empty)},
+        {"mixedBundles", numberOrNull(counts_.mixed)},
+        {"kernelDrops", nullptr},
+        {"types", tally_.typesJson()},
+        {"exercises", tally_.exercisesJson()},
+        {"sources", tally_.sourcesJson()}};
+    if (!udp_) json["datagrams"] = json["datagramsRead"] = nullptr;
+    if (server_) {
+        json["clientDropped"] = server_->dropped();
+        return jsonLine(json);
+    }
     if (stream_) {
-        json["datagrams"] = json["datagramsRead"] = nullptr;
         json["sent"] = sent_;
         json["own"] = own_;
         json["unsaved"] = unsaved_;
@@ -624,7 +711,7 @@ void Receiver::printTotals() {
         }
         out_.line(out_.styled(1, totalsText()));
         out_.line(oddTotalsText());
-        if (!options_.noHeaderTest && !stream_ &&
+        if (!options_.noHeaderTest && !options_.keepsBundles && udp_ &&
             (counts_.mixed.value_or(0) != 0 || tally_.rests().pdus != 0)) {
             out_.line(
                 fmt::format("hint: {} splits datagrams by the length fields alone, also where versions or "
@@ -656,6 +743,13 @@ void RecvCommand::addOptions(CLI::App& app) {
     options_.interface.declare(app, "Interface to join groups on");
     options_.filters.declare(app);
     app.add_flag("--async", options_.async, "Let a thread of the library's do the receiving");
+    CLI::Option* server = app.add_flag("--server", options_.isServer,
+                                       "Receive as a client of the packet server that owns the port");
+    CLI::Option* automatic =
+        app.add_flag("--auto", options_.isAuto, "The same if a packet server owns the port, else open it")
+            ->excludes(server);
+    app.add_flag("--no-unbundle", options_.keepsBundles,
+                 "With --server or --auto: take datagrams whole, filtered by their first packet");
     CLI::Option* tcp =
         app.add_option("--tcp", options_.tcp,
                        "Receive over a TCP connection to a relay (cvnet relay), instead of UDP")
@@ -678,6 +772,12 @@ void RecvCommand::addOptions(CLI::App& app) {
     for (const char* udpOnly :
          {"--port", "--group", "--bind", "--interface", "--from", "--async", kHeaderTestOption, "--rcvbuf"})
         tcp->excludes(app.get_option(udpOnly));
+    for (const char* own : {"--tcp", "--bind", "--interface", "--rcvbuf"}) {
+        server->excludes(app.get_option(own));
+        automatic->excludes(app.get_option(own));
+    }
+    for (const char* done : {"--async", kHeaderTestOption}) server->excludes(app.get_option(done));
+    options_.runDir.declare(app);
     options_.limits.declare(app, "packets");
     options_.report.declare(app);
     app.footer(
@@ -685,6 +785,7 @@ void RecvCommand::addOptions(CLI::App& app) {
         "  cvnet recv --port 3000 --exercise 1,2 --type '!Data'\n"
         "  cvnet recv --group 239.1.2.3 --interface eth0 --summary\n"
         "  cvnet recv --tcp relay.example:3000 --summary\n"
+        "  cvnet recv --server --type 'Entity State'\n"
         "  cvnet recv --json --seconds 10 --write seen.pcap");
 }
 
@@ -692,6 +793,13 @@ int RecvCommand::run() {
     checkRange("--seconds", options_.limits.seconds, 0.0, kMaxSeconds);
     checkRange("--idle", options_.idleSeconds, 0.0, kMaxSeconds);
     options_.format.check();
+    if (options_.isServer && options_.port.port == 0)
+        throw UsageFailure("--server: --port says which server, and none has port 0");
+    const bool isClient = options_.isServer || options_.isAuto;
+    if (options_.keepsBundles && !isClient) throw UsageFailure("--no-unbundle goes with --server or --auto");
+    if (!options_.runDir.directory.empty() && !isClient)
+        throw UsageFailure("--run-dir goes with --server or --auto");
+    options_.runDir.apply();
     Output out;
     Receiver receiver(options_, out);
     receiver.announce();

@@ -25,7 +25,10 @@
 #include "library.h"
 #include "options.h"
 #include "output.h"
+#include "port_owner.h"
 #include "sending_socket.h"
+#include "server_client.h"
+#include "server_socket.h"
 #include "stop_signal.h"
 #include "stream_format.h"
 #include "stream_socket.h"
@@ -62,6 +65,9 @@ struct SendOptions {
     std::string to;
     std::vector<std::string> sites;
     bool async = false;
+    bool isServer = false;
+    bool isAuto = false;
+    RunDirOption runDir;             // with either
     std::optional<std::string> tcp;  // HOST:PORT
     StreamFormat format;             // with --tcp
     PortOption port;
@@ -78,8 +84,9 @@ struct SendOptions {
 struct Transport {
     std::unique_ptr<NwSocket> socket;
     DatagramCounts* counts = nullptr;  // of that socket
-    QueueingSocket* queue = nullptr;   // that socket, with --async
+    HeldSocket* queue = nullptr;       // that socket, where a thread sends
     SendingStream* stream = nullptr;   // that socket, with --tcp
+    NwClientSocket* client = nullptr;  // what that socket holds, as a client of a packet server
     unsigned port = 0;
     std::vector<NwIpv4Addr> destinations;
 };
@@ -101,6 +108,9 @@ void checkOptions(const SendOptions& options) {
     checkRange("--flush-ms", options.flushMs, 0.0, kMaxFlushMs);
     checkRange("--seconds", options.limits.seconds, 0.0, kMaxSeconds);
     options.format.check();
+    if (!options.runDir.directory.empty() && !options.isServer && !options.isAuto)
+        throw UsageFailure("--run-dir goes with --server or --auto");
+    options.runDir.apply();
 }
 
 // Without --to the destination is the broadcast address of the interface, or of the default one (0).
@@ -184,6 +194,45 @@ Transport openStream(const SendOptions& options) {
     return transport;
 }
 
+// The server tells a client of its mode and its end; no packets are wanted, and no group for their sake.
+void wantNoPackets(NwClientSocket& client, NwIpv4Addr to) {
+    client.exerciseId().setTest(NwTestInclude, 0, nullptr);
+    if (NwIsMulticastAddr(to)) client.dropMulticastGroup(to);
+}
+
+Transport hold(SocketPtr<NwSocket> socket, NwIpv4Addr destination) {
+    NwSocket* const theSocket = socket.get();
+    auto held = std::make_unique<HeldSocket>(std::move(socket));
+    HeldSocket* const theHeld = held.get();
+    Transport transport = transportOf(std::move(held), {destination});
+    transport.client = dynamic_cast<NwClientSocket*>(theSocket);
+    if (dynamic_cast<NwAsyncNetSocket*>(theSocket) != nullptr) transport.queue = theHeld;
+    return transport;
+}
+
+// With --server or --auto.
+Transport openClient(const SendOptions& options, NwIpv4Addr to, NwIpv4Addr destination) {
+    const int port = options.port.port;
+    const auto owner = portOwner(static_cast<unsigned>(port), 0);
+    SocketPtr<NwSocket> socket;
+    if (options.isServer) {
+        socket = attachToServer(port, to, NwClientSocket::defaultFlags);
+    } else {
+        socket = openDefaultSocket(port, to, options.async);
+    }
+    if (options.ttl >= 0 && socket->setMcastTtl(options.ttl) != 1)
+        throw Failure(fmt::format("--ttl {}: {}", options.ttl, takeLibraryReason("refused")));
+    Transport transport = hold(std::move(socket), destination);
+    if (transport.client != nullptr) {
+        wantNoPackets(*transport.client, to);
+    } else if (owner) {
+        // The library's default socket is for both directions, so it may now get what another waits for.
+        warningLine(fmt::format("port {} is already open in {}: a unicast datagram reaches only one of them",
+                                port, portOwnerText(*owner)));
+    }
+    return transport;
+}
+
 Transport openSocket(const SendOptions& options) {
     if (options.tcp) return openStream(options);
     const NwIpv4Addr device = options.interface.address();
@@ -204,11 +253,11 @@ Transport openSocket(const SendOptions& options) {
     Transport transport;
     if (!options.sites.empty()) {
         transport = openSites(options, device);
+    } else if (options.isServer || options.isAuto) {
+        transport = openClient(options, to, destination);
     } else if (options.async) {
-        auto queue = std::make_unique<QueueingSocket>(openUdp<NwAsyncNetSocket>(options, to, device));
-        QueueingSocket* const theQueue = queue.get();
-        transport = transportOf(std::move(queue), {destination});
-        transport.queue = theQueue;
+        transport =
+            hold(SocketPtr<NwSocket>(openUdp<NwAsyncNetSocket>(options, to, device).release()), destination);
     } else {
         transport = transportOf(openUdp<CountingSocket<NwNetSocket>>(options, to, device), {destination});
     }
@@ -221,14 +270,17 @@ Transport openSocket(const SendOptions& options) {
 class Sender {
 public:
     Sender(const SendOptions& options, Output& out)
-        : options_(options), out_(out), source_(openSource(options)), transport_(openSocket(options)) {}
+        : options_(options), out_(out), source_(openSource(options)), transport_(openSocket(options)) {
+        if (transport_.client != nullptr)
+            server_.emplace(*transport_.client, options.port.port, options.report, out);
+    }
 
     void announce();
     void sendAll();
     void printTotals();
-    /// When a failure follows: a table of nothing would only hide it.
+    /// When a failure follows: a table of nothing would only hide it. The end of a server may be none.
     void printTotalsIfAny() {
-        if (transport_.counts->tally().total().pdus != 0) printTotals();
+        if (server_ || transport_.counts->tally().total().pdus != 0) printTotals();
     }
 
 private:
@@ -266,6 +318,7 @@ private:
     Output& out_;
     std::unique_ptr<PacketSource> source_;
     Transport transport_;
+    std::optional<ServerClient> server_;  // what there is beside the socket as a client of a packet server
     Clock::time_point start_ = Clock::now();
     Clock::time_point end_ = start_;
     std::optional<Clock::time_point> flushDue_;  // set while a bundle holds packets
@@ -296,6 +349,8 @@ void Sender::announce() {
             for (NwIpv4Addr site : transport_.destinations) json["sites"].push_back(addressText(site));
         }
         if (transport_.stream) json["transport"] = "tcp";
+        if (server_) json["client"] = server_->id();
+        if (server_) json["internal"] = server_->isInternal();
         out_.line(jsonLine(json));
     } else if (!options_.report.quiet) {
         const std::string how = bundleBytes != 0
@@ -305,6 +360,8 @@ void Sender::announce() {
                                                     : ", one PDU a datagram";
         out_.line(fmt::format("sending {} to {}{}{}", source_->description(), destinationText(),
                               transport_.stream ? " over TCP" : "", how));
+        if (server_ && server_->isInternal())
+            out_.line("the packet server is internal: everything goes to 127.0.0.1");
     }
     out_.flush();
 }
@@ -353,6 +410,9 @@ void Sender::wait(Clock::time_point until) {
         transport_.stream->waitAndFlush(until);
         transport_.stream->discardIncoming();
         transport_.stream->checkIsOk();
+    } else if (server_) {
+        server_->wait(until);
+        server_->discardIncoming();
     } else {
         StopSignal::wait(-1, until);
     }
@@ -403,6 +463,7 @@ void Sender::finishStream() {
 
 void Sender::send(const Packet& packet) {
     if (transport_.stream) return sendOnStream(packet);
+    if (server_) server_->discardIncoming();
     if (packet.alone) flush();
     const std::uint64_t datagramsBefore = transport_.counts->datagrams();
     if (transport_.socket->NwSend(packet.bytes, packet.lengthBytes, NwUSE_DEFAULT_IP_ADDR) < 0) failToSend();
@@ -418,6 +479,7 @@ void Sender::send(const Packet& packet) {
 }
 
 void Sender::flush() {
+    if (server_) server_->discardIncoming();  // a socket that is not ok must not be asked to send
     const int result = transport_.socket->flush();
     if (transport_.stream)
         transport_.stream->checkIsOk();  // what had no room waits in the queue
@@ -560,6 +622,13 @@ void SendCommand::addOptions(CLI::App& app) {
             ->type_name("ADDRESS,...")
             ->excludes(to);
     app.add_flag("--async", options_.async, "Let a thread of the library's do the sending")->excludes(sites);
+    CLI::Option* server = app.add_flag(
+        "--server", options_.isServer,
+        "Send as a client of the packet server that owns the port (which may keep packets on this host)");
+    CLI::Option* automatic = app.add_flag("--auto", options_.isAuto,
+                                          "The same if a packet server owns the port, else open the port")
+                                 ->excludes(server);
+    server->excludes(app.get_option("--async"));
     CLI::Option* tcp = app.add_option("--tcp", options_.tcp,
                                       "Send over a TCP connection to a relay (cvnet relay), instead of UDP")
                            ->type_name("HOST:PORT");
@@ -583,6 +652,11 @@ void SendCommand::addOptions(CLI::App& app) {
                    "Never wait for the send buffer: repeat a refused send up to N times, 1 ms apart")
         ->check(range(0, 1000000))
         ->type_name("N");
+    options_.runDir.declare(app);
+    for (const char* own : {"--sites", "--tcp", "--interface", "--retry"}) {
+        server->excludes(app.get_option(own));
+        automatic->excludes(app.get_option(own));
+    }
     for (const char* udpOnly : {"--to", "--sites", "--async", "--port", "--ttl", "--interface", "--retry"})
         tcp->excludes(app.get_option(udpOnly));
     options_.limits.declare(app, "PDUs");
@@ -591,6 +665,7 @@ void SendCommand::addOptions(CLI::App& app) {
         "Examples:\n"
         "  cvnet send --pcap exercise.pcap --to 127.0.0.1 --bundle 1400\n"
         "  cvnet send --pcap exercise.pcap --tcp relay.example:3000\n"
+        "  cvnet send --pcap exercise.pcap --server --to 10.1.255.255\n"
         "  cvnet send --pcap exercise.pcap --sites 10.1.0.5,10.2.0.5 --bundle 1400\n"
         "  cvnet send --synthetic 20 --rate 200 --to 239.1.2.3 --interface eth0 --ttl 4");
 }

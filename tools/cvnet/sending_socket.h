@@ -11,6 +11,7 @@
 #include <cvNetworkCompatibility/cvNetSocket.h>
 
 #include "pdu.h"
+#include "server_socket.h"
 #include "tally.h"
 
 namespace cvnet {
@@ -49,11 +50,12 @@ public:
     }
 };
 
-/// Bundles here, and hands each datagram to an asynchronous socket. That class starts threads while it is
-/// constructed, so it is better held than derived from. What is counted is what its queue took.
-class QueueingSocket : public NwSocket, public DatagramCounts {
+/// Bundles here, and hands each datagram to a socket that is better held than derived from: an asynchronous
+/// one, which starts threads while it is constructed, or one that the library chose. What is counted is what
+/// that socket took.
+class HeldSocket : public NwSocket, public DatagramCounts {
 public:
-    explicit QueueingSocket(std::unique_ptr<NwAsyncNetSocket> socket) : socket_(std::move(socket)) {}
+    explicit HeldSocket(SocketPtr<NwSocket> socket) : socket_(std::move(socket)) {}
 
     int sendTo(char* buf, unsigned long len, unsigned int toAddress) override {
         return counted(socket_->sendTo(buf, len, toAddress), buf, len);
@@ -61,11 +63,11 @@ public:
     int NwRecv(char** buf, int* status) override { return socket_->NwRecv(buf, status); }
     int NwRecv(char* buf, unsigned long len) override { return socket_->NwRecv(buf, len); }
 
-    /// Returns when the queue has been sent; the socket is of no use any more.
+    /// Returns when a queue has been sent; the socket is of no use any more.
     void finish() { socket_.reset(); }
 
 private:
-    std::unique_ptr<NwAsyncNetSocket> socket_;
+    SocketPtr<NwSocket> socket_;
 };
 
 }  // namespace cvnet

@@ -27,21 +27,13 @@
 namespace cvnet {
 namespace {
 
-constexpr auto kAnswerLimit = std::chrono::seconds(5);
+constexpr auto kStopLimit = std::chrono::seconds(5);
 constexpr const char* kActions[] = {"status",   "clients",  "ping",     "test",
                                     "internal", "external", "unbundle", "stop"};
 
-template <class Record>
-Record recordOf(const NwCsMsg& message) {
-    Record record;
-    std::memcpy(&record, &message, sizeof record);
-    return record;
-}
-
-// A text field that is ended by a zero unless it is full.
-template <std::size_t size>
-std::string fieldText(const char (&field)[size]) {
-    return printable(std::string(field, ::strnlen(field, size)));
+void throwIfRefused(const std::optional<NwCsMsg>& message) {
+    if (!message) return;
+    if (const auto refusal = refusalText(*message)) throw Failure(*refusal);
 }
 
 // One conversation with the server of a port.
@@ -50,29 +42,20 @@ public:
     explicit Conversation(int port)
         : port_(port), socket_(attachToServer(port, loopbackAddr, NwClientSocket::controlOnlyFlag)) {}
 
-    ServerSocket& socket() { return *socket_; }
+    NwClientSocket& socket() { return *socket_; }
 
-    /// The next message of this kind. A refusal that comes instead, an end of the server, or silence throws.
-    NwCsMsg waitFor(NwCsKind kind) {
-        const Clock::time_point until = Clock::now() + kAnswerLimit;
-        while (Clock::now() < until && !StopSignal::raised()) {
-            if (!receive()) {
-                waitForServer(*socket_, until);
-                continue;
-            }
-            const NwCsMsg* message = socket_->message();
-            if (message == nullptr) continue;
-            if (message->kind == kind) return *message;
-            if (message->kind == NwCsKindWarning) throwIfRefused(*message);
-        }
-        throw Failure(StopSignal::raised()
-                          ? "interrupted"
-                          : fmt::format("the packet server of port {} does not answer", port_));
+    NwCsMsg ask(ServerRequest request, NwCsKind kind) { return cvnet::ask(*socket_, port_, request, kind); }
+
+    NwCsStateReturnRecord state() {
+        return recordOf<NwCsStateReturnRecord>(ask(&NwClientSocket::requestServerState, NwCsKindStateReturn));
     }
 
-    /// Waits for the server's orderly end.
-    void waitForStop() {
-        const Clock::time_point until = Clock::now() + kAnswerLimit;
+    std::vector<NwCsCStateReturnRecord> clients() { return askClients(*socket_, port_); }
+
+    /// Asks the server to stop, and waits for its orderly end.
+    void stop() {
+        socket_->terminatePacketServer();
+        const Clock::time_point until = Clock::now() + kStopLimit;
         while (Clock::now() < until && !StopSignal::raised()) {
             int status = 0;
             char* packet = nullptr;
@@ -81,48 +64,17 @@ public:
                 if (socket_->endNotice() == NwCsNoticeStopped) return;
                 throwServerHasGone(*socket_, port_);
             }
-            if (status == 0) {
-                waitForServer(*socket_, until);
-            } else if (socket_->message() != nullptr && socket_->message()->kind == NwCsKindWarning) {
-                throwIfRefused(*socket_->message());
-            }
+            if (status == 0) waitForServer(*socket_, until);
+            if (status == -1) throwIfRefused(takeMessage(*socket_));
         }
-        throw Failure(fmt::format("the packet server of port {} does not stop", port_));
-    }
-
-    NwCsStateReturnRecord state() {
-        socket_->requestServerState();
-        return recordOf<NwCsStateReturnRecord>(waitFor(NwCsKindStateReturn));
-    }
-
-    std::vector<NwCsCStateReturnRecord> clients() {
-        std::vector<NwCsCStateReturnRecord> all;
-        socket_->requestServerCStates();
-        do {
-            all.push_back(recordOf<NwCsCStateReturnRecord>(waitFor(NwCsKindCStateReturn)));
-        } while (all.back().index + 1 < all.back().count);
-        return all;
+        throw Failure(StopSignal::raised()
+                          ? "interrupted"
+                          : fmt::format("the packet server of port {} does not stop", port_));
     }
 
 private:
-    // Whether a message came. Throws when the server has gone.
-    bool receive() {
-        int status = 0;
-        char* packet = nullptr;
-        socket_->NwRecv(&packet, &status);
-        if (!socket_->isOk()) throwServerHasGone(*socket_, port_);
-        return status == -1;
-    }
-
-    static void throwIfRefused(const NwCsMsg& message) {
-        const auto warning = recordOf<NwCsWarningRecord>(message);
-        if (warning.code != NwCsWarningRefused) return;
-        const std::size_t length = std::min<std::size_t>(warning.textLength, sizeof warning.text);
-        throw Failure("the packet server refuses: " + printable(std::string_view(warning.text, length)));
-    }
-
     const int port_;
-    ServerSocketPtr socket_;
+    SocketPtr<NwClientSocket> socket_;
 };
 
 const char* onOff(unsigned value) {
@@ -168,14 +120,16 @@ public:
     void addOptions(CLI::App& app) override {
         app.add_option("action", action_, "status, clients, ping, test, internal, external, unbundle, stop")
             ->required()
-            ->check(CLI::IsMember(std::vector<std::string>(std::begin(kActions), std::end(kActions))))
+            ->check(CLI::IsMember(std::vector<std::string>(std::begin(kActions), std::end(kActions)))
+                        .description(""))
             ->type_name("");
         app.add_option("value", value_, "for unbundle: on or off")
-            ->check(CLI::IsMember(std::vector<std::string>{"on", "off"}))
+            ->check(CLI::IsMember(std::vector<std::string>{"on", "off"}).description(""))
             ->type_name("");
         app.add_option("--port", port_, fmt::format("UDP port that the server owns ({})", kDefaultDisPort))
             ->check(range(1, 65535))
             ->type_name("PORT");
+        runDir_.declare(app);
         app.add_flag("--json", json_, "Print JSON lines");
         app.footer(
             "status    what the server has done, and who else has the port open\n"
@@ -192,6 +146,7 @@ public:
         if ((action_ == "unbundle") == value_.empty())
             throw UsageFailure(value_.empty() ? "unbundle: say on or off"
                                               : fmt::format("{} takes no value", action_));
+        runDir_.apply();
         Conversation server(port_);
         if (action_ == "status") {
             showStatus(server.state());
@@ -200,12 +155,10 @@ public:
         } else if (action_ == "ping") {
             ping(server);
         } else if (action_ == "test") {
-            server.socket().testClients();
-            server.waitFor(NwCsKindNotice);
+            server.ask(&NwClientSocket::testClients, NwCsKindNotice);
             say("tested", "the test message went to every client");
         } else if (action_ == "stop") {
-            server.socket().terminatePacketServer();
-            server.waitForStop();
+            server.stop();
             say("stopped", "stopped");
         } else {
             change(server);
@@ -221,8 +174,7 @@ private:
 
     void ping(Conversation& server) {
         const Clock::time_point asked = Clock::now();
-        server.socket().pingClients();
-        server.waitFor(NwCsKindPing);
+        server.ask(&NwClientSocket::pingClients, NwCsKindPing);
         const double seconds = std::chrono::duration<double>(Clock::now() - asked).count();
         if (json_) {
             out_.line(jsonLine({{"event", "ping"}, {"port", port_}, {"seconds", seconds}}));
@@ -305,6 +257,7 @@ private:
     std::string action_;
     std::string value_;
     int port_ = kDefaultDisPort;
+    RunDirOption runDir_;
     bool json_ = false;
     Output out_;
 };
