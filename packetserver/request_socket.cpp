@@ -5,9 +5,12 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 #include <cvutil/cvPacketServer.h>
@@ -28,7 +31,7 @@ RequestSocket::RequestSocket(const std::string& directory, int port, bool isForE
         return;
     }
     path_ = path;
-    if (lock()) open(isForEverybody);
+    if (lock() && lockPort(port)) open(isForEverybody);
 }
 
 RequestSocket::~RequestSocket() {
@@ -36,6 +39,7 @@ RequestSocket::~RequestSocket() {
         ::unlink(path_.c_str());
         ::close(fd_);
     }
+    if (portFd_ >= 0) ::close(portFd_);
     if (lockFd_ < 0) return;
     ::unlink((path_ + lockSuffix).c_str());
     ::close(lockFd_);
@@ -65,6 +69,23 @@ bool RequestSocket::lock() {
     if (isServed) problem_ = "another packet server serves this port: " + path_;
     ::close(lockFd_);
     lockFd_ = -1;
+    return false;
+}
+
+// The lock file knows one directory. A name that the whole network namespace shares, gone with its process,
+// keeps servers with other directories away: they would open the port as well, and split its traffic.
+bool RequestSocket::lockPort(int port) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const int length =
+        std::snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "cvpacketserver-%d", port);
+    portFd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const std::size_t size = offsetof(sockaddr_un, sun_path) + 1 + static_cast<std::size_t>(length);
+    if (portFd_ >= 0 &&
+        ::bind(portFd_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(size)) == 0)
+        return true;
+    if (errno != EADDRINUSE) return fail("cannot lock the port");
+    problem_ = "another packet server serves this port, with another run directory";
     return false;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Where clients reach the server: one Unix datagram socket for each port, and the lock that keeps a second
+// Where clients reach the server: one Unix datagram socket for each port, and the locks that keep a second
 // server away.
 #ifndef PACKETSERVER_REQUEST_SOCKET_H
 #define PACKETSERVER_REQUEST_SOCKET_H
@@ -41,12 +41,14 @@ public:
 
 private:
     bool lock();
+    bool lockPort(int port);
     bool open(bool isForEverybody);
     bool fail(const std::string& what);
 
     std::string path_;
     std::string problem_;
     int lockFd_ = -1;
+    int portFd_ = -1;
     int fd_ = -1;
 };
 
