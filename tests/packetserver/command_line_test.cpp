@@ -105,6 +105,18 @@ TEST(PacketServerStart, secondServerForAPortIsRefusedAndTheFirstGoesOn) {
     EXPECT_EQ(client.serverState().pid, server.pid());
 }
 
+// Both could open the port, and would get a part of the traffic each.
+TEST(PacketServerStart, secondServerForAPortIsRefusedWhateverItsDirectory) {
+    REQUIRE_PRIVATE_HOST();
+    Server server;
+    const RunDirectory directory;
+    expectFailure({"--port", std::to_string(server.port()), "--run-dir", directory.path()},
+                  "another packet server serves this port, with another run directory");
+    EXPECT_THAT(directory.names(), IsEmpty());
+    server.kill();
+    server.startAgain();  // its name has gone with it
+}
+
 TEST(PacketServerStart, secondOfSeveralPortsInUseStartsNone) {
     REQUIRE_PRIVATE_HOST();
     const UdpPeer other(0);
