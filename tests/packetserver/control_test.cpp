@@ -219,7 +219,7 @@ TEST_F(PacketServerControl, modeIsSwitchedForAllAndTold) {
         other.awaitNotice(NwCsNoticeExternal);
         EXPECT_FALSE(other.isInternal());
     }
-    EXPECT_EQ(server.countEvents("mode"), 4);
+    EXPECT_TRUE(server.waitForEvents("mode", 4));
 }
 
 TEST_F(PacketServerControl, internalModeDropsWhatComesFromOtherHosts) {
@@ -387,6 +387,7 @@ TEST_F(PacketServerControl, quotaCountsBothKindsApartAndPlacesComeBack) {
     third.ask();
     ASSERT_TRUE(third.awaitAnswer());
     EXPECT_EQ(third.answer.kind, NwCsKindQuota);
+    ASSERT_TRUE(server.waitForEvents("quota"));
     EXPECT_EQ(server.lastEvent("quota")["pid"], ::getpid());
     std::vector<std::unique_ptr<WatchedSocket>> controls;
     for (int i = 0; i < 8; ++i)
