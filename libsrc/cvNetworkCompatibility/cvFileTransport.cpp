@@ -17,6 +17,7 @@
 #include <cassert>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -140,6 +141,18 @@ bool isClosedByPeer(int fd) {
 int openDirectory(const NwFilename& directory) {
     const char* path = directory.length() ? directory.c_str() : ".";
     return ::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+// Opens a regular file for reading. A pipe of that name, were it put there this very moment, would hold the
+// stream's own open until somebody writes: so the stream opens what has been looked at.
+void openFile(const char* path, std::ifstream& in) {
+    const Descriptor file(::open(path, O_PATH | O_CLOEXEC));
+    struct stat status;
+    if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+    char same[32];
+    std::snprintf(same, sizeof same, "/proc/self/fd/%d", file.get());
+    in.open(same, std::ios::in | std::ios::binary);
+    if (!in.is_open()) in.open(path, std::ios::in | std::ios::binary);  // where there is no /proc
 }
 
 // Opens a regular file for writing from its start, made if need be. -1 for anything else of that name;
@@ -516,8 +529,7 @@ bool NwFileTransporter::load(Outgoing& out) {
     out.id = nextFileIdentifier();  // meant: also for a file that cannot be opened
     const bool fits = static_cast<long>(out.name.length()) + kNameField + 1 < out.limit;
     std::ifstream in;
-    if (fileSize >= 0 && fileSize <= INT_MAX && fits)
-        in.open(out.file.c_str(), std::ios::in | std::ios::binary);
+    if (fileSize >= 0 && fileSize <= INT_MAX && fits) openFile(out.file.c_str(), in);
     if (!in.is_open() || !in.good()) {
         warnFile("Corvane(NwFileTransporter): error opening file ", out.file);
         return false;

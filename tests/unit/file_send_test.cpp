@@ -4,6 +4,7 @@
 #include <cvNetworkCompatibility/cvFileTransport.h>
 
 #include <cvNetworkCompatibility/cvTcpSocket.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -43,6 +44,20 @@ extern "C" __attribute__((visibility("default"))) time_t time(time_t* result) no
     const time_t seconds = theTimeOfDay < 0 ? now.tv_sec : theTimeOfDay.load();
     if (result) *result = seconds;
     return seconds;
+}
+
+// --- what happens between two looks at a file ------------------------------------------------------------
+
+namespace {
+
+std::function<void()> theMomentAfterStat;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int stat(const char* path, struct stat* status) noexcept {
+    const int result = ::fstatat(AT_FDCWD, path, status, 0);
+    if (theMomentAfterStat) std::exchange(theMomentAfterStat, nullptr)();
+    return result;
 }
 
 // --- sends, counted ---------------------------------------------------------------------------------------
@@ -300,6 +315,14 @@ TEST_F(FileSend, twoFilesInOneSecondDifferByOne) {
 }
 
 // --- files that are refused -----------------------------------------------------------------------------
+
+TEST_F(FileSend, aPipeThatTakesTheFilesPlaceHoldsNobody) {
+    const std::string path = dir.write("file", "data");
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    theMomentAfterStat = [&] { ::rename((dir / "fifo").c_str(), path.c_str()); };
+    expectRefused(path);
+    EXPECT_FALSE(theMomentAfterStat) << "it took its place meanwhile";
+}
 
 TEST_F(FileSend, whatIsNoReadableFileIsRefused) {
     ASSERT_EQ(::symlink("nowhere", (dir / "dangling").c_str()), 0);
