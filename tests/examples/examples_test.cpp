@@ -83,10 +83,16 @@ TEST(Examples, files) {
                  "arrived: tile_7.dat, 20000 bytes\n");
 }
 
+TEST(Examples, defaultSocketWithoutAServer) {
+    expectOutput("default_socket",
+                 "packets of port [0-9]+ come straight here\n"
+                 "sent 3 packets, received 3\n");
+}
+
 TEST(Examples, aPortThatIsTakenIsAMessageAndAStatus) {
     const UdpPeer exclusive(0);
     const std::string port = std::to_string(exclusive.port());
-    for (const char* name : {"send_receive", "bundles", "multicast", "filters", "polling"}) {
+    for (const char* name : {"send_receive", "bundles", "multicast", "filters", "polling", "default_socket"}) {
         const ChildResult result = runWith(name, port.c_str());
         EXPECT_EQ(result.exitStatus, 1) << name;
         EXPECT_THAT(result.output,
