@@ -19,6 +19,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -63,6 +64,17 @@ bool isQuiet() {
 void closeIfOpen(int& fd) {
     if (fd >= 0) ::close(fd);
     fd = -1;
+}
+
+// Whether the segment was made by the user whose server listens for the port. Every user can write to the
+// notify socket: without this look, a forged acknowledgement could lead to a queue of the forger's.
+bool isMadeByServerOf(int port, int segmentId) {
+    char path[NwPacketServerPathSize];
+    NwPacketServerRequestPath(static_cast<unsigned int>(port), path, NwPacketServerVersion);
+    struct stat listener;
+    shmid_ds segment;
+    return ::stat(path, &listener) == 0 && ::shmctl(segmentId, IPC_STAT, &segment) == 0 &&
+           segment.shm_perm.cuid == listener.st_uid;
 }
 
 // Readable within the time: 1; not: 0; -1 with errno. `readable` tells whether the descriptor itself is.
@@ -248,14 +260,15 @@ void NwClientSocket::settleNotifySocket(unsigned short flags) {
     }
 }
 
-// Maps the segment and opens the queue in it. A key of 0 would make something new: it counts as not found.
+// Maps the segment and opens the queue in it. A key of 0 would make something new: it counts as not found,
+// and so does what another user than the server's has made.
 bool NwClientSocket::attachQueue(const NwCsAckMsg& ack, unsigned short flags) {
     const long toServer = ack.client2ServerSize();
     const long toClient = ack.server2ClientSize();
     const int shm = ack.shmKey() && toServer >= 0 && toClient >= 0
                         ? ::shmget(ack.shmKey(), static_cast<std::size_t>(toServer + toClient), 0666)
                         : -1;
-    if (shm < 0) {
+    if (shm < 0 || !isMadeByServerOf(port, shm)) {
         if (!isQuiet()) NwInfo("shmget for key %d failed\n", ack.shmKey());
         return false;
     }

@@ -291,6 +291,13 @@ TEST_F(ClientSocketTest, segmentSmallerThanSaid) {
     EXPECT_EQ("shmget for key " + std::to_string(ack.shmKey) + " failed\n", refused(bytesOf(ack)));
 }
 
+TEST_F(ClientSocketTest, segmentOfAnotherUserThanTheServers) {
+    const uid_t other = 65534;
+    if (::chown(server->path(), other, static_cast<gid_t>(-1)) != 0) GTEST_SKIP() << "needs another user";
+    const NwCsAckRecord forged = server->good();
+    EXPECT_EQ("shmget for key " + std::to_string(forged.shmKey) + " failed\n", refused(bytesOf(forged)));
+}
+
 TEST_F(ClientSocketTest, acknowledgementsThatCannotBeTrue) {
     NwCsAckRecord ack = server->good();
     ack.shmKey = 0;  // would make a new segment

@@ -45,6 +45,8 @@ public:
     FakePacketServer(const FakePacketServer&) = delete;
     FakePacketServer& operator=(const FakePacketServer&) = delete;
 
+    const char* path() const { return myPath; }
+
     // Nobody listens any more.
     void close() {
         if (myFd >= 0) ::close(myFd);
