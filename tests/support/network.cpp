@@ -98,6 +98,8 @@ sockaddr_in socketAddress(NwIpv4Addr address, int port) {
 bool enterPrivateNetwork() {
     isPrivate = unshareNetwork() && loopbackUp();
     if (!isPrivate) problem = std::strerror(errno);
+    // Shared memory as well: its keys come from port numbers, which mean something else in each network.
+    if (isPrivate) ::unshare(CLONE_NEWIPC);
     return isPrivate;
 }
 

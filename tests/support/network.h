@@ -15,8 +15,8 @@ const NwIpv4Addr kLoopback = 0x7F000001u;
 const int kPatienceMilliseconds = 20000;
 
 // Whether this process runs in a network namespace of its own (main() tries at the start), with loopback
-// up and no other interface. Tests that need interfaces skip, with privateNetworkProblem(), where it does
-// not.
+// up and no other interface, and with System V shared memory of its own. Tests that need interfaces skip,
+// with privateNetworkProblem(), where it does not.
 bool enterPrivateNetwork();
 bool hasPrivateNetwork();
 const std::string& privateNetworkProblem();
