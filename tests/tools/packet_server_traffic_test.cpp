@@ -427,23 +427,26 @@ TEST_F(PacketServerTraffic, aSenderTakesNoPackets) {
 
 TEST_F(PacketServerTraffic, aSenderEndsWithItsServer) {
     OrderlyServer server;
-    const Arguments send = {"send", "--server", "--synthetic", "1",    "--rate",
-                            "50",   "--bundle", "1400",        "--to", "127.0.0.1"};
+    const Arguments send = {"send", "--server", "--synthetic", "1", "--to", "127.0.0.1"};
+    const Arguments slowly = send + Arguments{"--rate", "50", "--bundle", "1400"};
     const std::string line = "cvnet send: the packet server of port " + std::to_string(server.port());
-    CvnetProcess first(at(server, send));
-    ASSERT_TRUE(first.waitForOutput("sending"));
-    EXPECT_TRUE(eventually([&] { return answer(server, {"status"})["packets"] > 0; }));
-    server.stop();
-    const CvnetResult stopped = first.finish();
-    expectError(stopped, 0, line + " has stopped");
-    EXPECT_THAT(stopped.output, HasSubstr("\nsent "));
-    server.startAgain();
-    CvnetProcess second(at(server, send));
-    ASSERT_TRUE(second.waitForOutput("sending"));
-    EXPECT_TRUE(eventually([&] { return answer(server, {"status"})["packets"] > 0; }));
+    const auto hasPackets = [&] { return answer(server, {"status"})["packets"] > 0; };
+    for (const Arguments& arguments : {slowly, send + Arguments{"--fast"}}) {
+        CvnetProcess sender(at(server, arguments));
+        ASSERT_TRUE(sender.waitForOutput("sending"));
+        EXPECT_TRUE(eventually(hasPackets));
+        server.stop();
+        const CvnetResult stopped = sender.finish();
+        expectError(stopped, 0, line + " has stopped");
+        EXPECT_THAT(stopped.output, HasSubstr("\nsent "));
+        server.startAgain();
+    }
+    CvnetProcess sender(at(server, slowly));
+    ASSERT_TRUE(sender.waitForOutput("sending"));
+    EXPECT_TRUE(eventually(hasPackets));
     EXPECT_TRUE(eventually([] { return setsThere() == 1; })) << "the asking ones have gone";
     server.kill();
-    const CvnetResult killed = second.finish();
+    const CvnetResult killed = sender.finish();
     expectError(killed, 1, line + " is gone");
     EXPECT_THAT(killed.output, HasSubstr("\nsent "));
 }
