@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <set>
 
 #include "captures.h"
 #include "cvnet_process.h"
@@ -92,6 +93,21 @@ void expectError(const CvnetResult& result, int exitStatus, const std::string& w
 }
 
 }  // namespace
+
+TEST_F(Recv, anyFreePortIsNobodyElses) {
+    REQUIRE_PRIVATE_NETWORK();
+    const char* const range = "/proc/sys/net/ipv4/ip_local_port_range";
+    const std::string former = readFile(range);
+    if (!(std::ofstream(range) << "40000 40005" << std::flush)) GTEST_SKIP() << range << " cannot be set";
+    std::vector<std::unique_ptr<CvnetProcess>> receivers;
+    std::set<int> ports;
+    for (int i = 0; i < 5; ++i) {
+        receivers.push_back(std::make_unique<CvnetProcess>(Arguments{"recv", "--port", "0"}));
+        ports.insert(receivers.back()->listeningPort());
+    }
+    EXPECT_EQ(ports.size(), 5U) << testing::PrintToString(ports);
+    std::ofstream(range) << former;
+}
 
 TEST_F(Recv, printsALineForEachPdu) {
     std::string entityState = pdu(144, 0, 7, 3, 1);

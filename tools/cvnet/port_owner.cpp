@@ -4,6 +4,8 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <cctype>
 #include <cstdlib>
@@ -15,6 +17,7 @@
 
 #include <fmt/format.h>
 
+#include "descriptor.h"
 #include "text.h"
 
 namespace cvnet {
@@ -110,6 +113,18 @@ std::optional<PortOwner> tcpPortOwner(unsigned port) {
     collectInodes("/proc/self/net/tcp", listening, port, 0, inodes);
     collectInodes("/proc/self/net/tcp6", listening, port, 0, inodes);
     return ownerOf(inodes, 0);
+}
+
+int freeUdpPort() {
+    const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    socklen_t length = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    if (!socket || ::bind(socket.get(), generic, length) != 0 ||
+        ::getsockname(socket.get(), generic, &length) != 0)
+        return 0;
+    return ntohs(address.sin_port);
 }
 
 std::string portOwnerText(const PortOwner& owner) {

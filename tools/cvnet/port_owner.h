@@ -22,6 +22,10 @@ std::optional<PortOwner> portOwner(unsigned port, NwIpv4Addr addrHostOrder, int 
 /// The first process other than this one that listens on a TCP port.
 std::optional<PortOwner> tcpPortOwner(unsigned port);
 
+/// A UDP port that nobody has. The kernel's own choice for a socket that shares its port may be one that
+/// another such socket has already. 0 when there is none.
+int freeUdpPort();
+
 /// "process 1234 (cvnet)".
 std::string portOwnerText(const PortOwner& owner);
 

@@ -169,6 +169,10 @@ void warnOfOwner(int port, const PortOwner& owner) {
                             port, portOwnerText(owner)));
 }
 
+int portToOpen(const RecvOptions& options) {
+    return options.port.port != 0 ? options.port.port : freeUdpPort();
+}
+
 std::unique_ptr<NwNetSocket> openUdp(const RecvOptions& options, Place& place, ReceiveCounts& counts) {
     place.chooseDevice();
     const auto owner = options.port.port == 0
@@ -181,9 +185,9 @@ std::unique_ptr<NwNetSocket> openUdp(const RecvOptions& options, Place& place, R
     const NwIpv4Addr address = place.constructorAddress();
     std::unique_ptr<NwNetSocket> socket;
     if (options.async) {
-        socket = std::make_unique<NwAsyncNetSocket>(options.port.port, address, mode, place.device);
+        socket = std::make_unique<NwAsyncNetSocket>(portToOpen(options), address, mode, place.device);
     } else {
-        socket = std::make_unique<ReceivingSocket>(options.port.port, address, mode, place.device, counts);
+        socket = std::make_unique<ReceivingSocket>(portToOpen(options), address, mode, place.device, counts);
     }
     if (!socket->isOk()) {
         throw Failure(fmt::format("cannot listen on port {}{}: {}{}", options.port.port,
@@ -209,7 +213,7 @@ std::unique_ptr<NwNetSocket> openUdp(const RecvOptions& options, Place& place, R
 // take any address (it is made for sending too, to loopback, and sends nothing here).
 SocketPtr<NwSocket> openDefault(const RecvOptions& options, Place& place) {
     const auto owner = portOwner(static_cast<unsigned>(options.port.port), 0);
-    SocketPtr<NwSocket> socket = openDefaultSocket(options.port.port, loopbackAddr, options.async);
+    SocketPtr<NwSocket> socket = openDefaultSocket(portToOpen(options), loopbackAddr, options.async);
     if (auto* const udp = dynamic_cast<NwNetSocket*>(socket.get())) {
         place.chooseDevice();
         joinGroups(*udp, place, 0);
