@@ -52,6 +52,8 @@ public:
     /// Ends the attachment for the client: a notice, and the queue's go-away value.
     void sendAway(NwCsNoticeCode notice);
 
+    /// Whether it has been told of its queue and has not attached it yet.
+    bool isPending() const { return !isAttached_ && segment_.attachments() <= 0; }
     /// Whether its process is dead and nobody else, a child of it, has the queue attached.
     bool isDead() const;
     /// Whether the client has gone without a word: it is dead, or it has attached and let go, or it never

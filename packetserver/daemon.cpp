@@ -2,6 +2,7 @@
 #include "daemon.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -58,7 +60,9 @@ std::string defaultDirectory() {
         return std::string(service).substr(0, std::string(service).find(':'));
     if (::geteuid() == 0) {
         const char* const common = "/run/cvpacketserver";
-        return ::mkdir(common, 0755) == 0 || errno == EEXIST ? common : "";
+        if (::mkdir(common, 0755) != 0) return errno == EEXIST ? common : "";
+        ::chmod(common, 0755);  // whatever the umask: others may be allowed to attach
+        return common;
     }
     char own[NwPacketServerPathSize];
     return NwPacketServerOwnDirectory(own) ? own : "";
@@ -77,13 +81,11 @@ public:
         notifyServiceManager("READY=1");
         Clock::time_point nextTick = Clock::now() + tickLength;
         while (!isStopping_ && !servers_.empty()) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nextTick - Clock::now());
-            loop_.runOnce(std::max(left, std::chrono::milliseconds(0)) + std::chrono::milliseconds(1));
-            if (Clock::now() >= nextTick) {
-                tick();
-                nextTick = Clock::now() + tickLength;
+            try {
+                takeTurn(nextTick);
+            } catch (const std::bad_alloc&) {  // costs a request, not the server
+                log_.outOfMemory();
             }
-            endStopped();
         }
         notifyServiceManager("STOPPING=1");
         logStatistics();
@@ -108,17 +110,40 @@ private:
         if (options_.server.directory.empty()) options_.server.directory = defaultDirectory();
         if (options_.server.directory.empty())
             return fail(fmt::format("no directory for request sockets: {}", std::strerror(errno)));
+        raiseDescriptorLimit();
         NwSocket::setQuietSockets(true);  // problems are logged here, and once
         NwNetSocket::initErrorAction = 1;
         theMaxPacketSize = largestDatagram;
         return loop_.isOk() && catchSignals() ? true : fail(std::strerror(errno));
     }
 
+    void takeTurn(Clock::time_point& nextTick) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nextTick - Clock::now());
+        loop_.runOnce(std::max(left, std::chrono::milliseconds(0)) + std::chrono::milliseconds(1));
+        if (Clock::now() >= nextTick) {
+            nextTick = Clock::now() + tickLength;
+            tick();
+        }
+        endStopped();
+    }
+
+    // Each client takes two descriptors, and the usual limit is there for the sake of select() alone.
+    static void raiseDescriptorLimit() {
+        rlimit limit{};
+        if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+
+    // Whoever runs it under nohup does not want SIGHUP to end it.
     bool catchSignals() {
         ::signal(SIGPIPE, SIG_IGN);
         sigset_t caught;
         ::sigemptyset(&caught);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&caught, number);
+        for (const int number : {SIGINT, SIGTERM}) ::sigaddset(&caught, number);
+        struct sigaction hangUp {};
+        ::sigaction(SIGHUP, nullptr, &hangUp);
+        if (hangUp.sa_handler != SIG_IGN || !options_.logFile.empty()) ::sigaddset(&caught, SIGHUP);
         ::sigprocmask(SIG_BLOCK, &caught, nullptr);
         signalFd_ = ::signalfd(-1, &caught, SFD_CLOEXEC | SFD_NONBLOCK);
         return signalFd_ >= 0 && loop_.add(signalFd_, [this] { takeSignal(); });
@@ -127,7 +152,7 @@ private:
     void takeSignal() {
         signalfd_siginfo info{};
         if (::read(signalFd_, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
-        if (info.ssi_signo != SIGHUP)
+        if (info.ssi_signo != SIGHUP || options_.logFile.empty())
             isStopping_ = true;
         else if (!log_.open())
             fail(fmt::format("cannot open {}: {}", options_.logFile, std::strerror(errno)));

@@ -17,23 +17,24 @@ EventLoop::~EventLoop() {
 bool EventLoop::add(int fd, Handler handler) {
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.fd = fd;
+    event.data.u64 = std::uint64_t(++generation_) << 32 | static_cast<std::uint32_t>(fd);
     if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) return false;
-    handlers_[fd] = std::move(handler);
+    entries_[fd] = Entry{generation_, std::move(handler)};
     return true;
 }
 
 void EventLoop::remove(int fd) {
-    if (handlers_.erase(fd) != 0) ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+    if (entries_.erase(fd) != 0) ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
 }
 
 void EventLoop::runOnce(std::chrono::milliseconds limit) {
     epoll_event events[32];
     const int count = ::epoll_wait(epollFd_, events, 32, static_cast<int>(limit.count()));
     for (int i = 0; i < count; ++i) {
-        const auto found = handlers_.find(events[i].data.fd);
-        if (found == handlers_.end()) continue;  // removed by one that was called before
-        const Handler handler = found->second;
+        const auto found = entries_.find(static_cast<int>(events[i].data.u64 & 0xFFFFFFFFu));
+        // One that was called before may have removed it, and have added another of the same number.
+        if (found == entries_.end() || found->second.generation != events[i].data.u64 >> 32) continue;
+        const Handler handler = found->second.handler;
         handler();
     }
 }

@@ -4,6 +4,7 @@
 #define PACKETSERVER_EVENT_LOOP_H
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <unordered_map>
 
@@ -31,7 +32,14 @@ public:
 
 private:
     int epollFd_;
-    std::unordered_map<int, Handler> handlers_;
+
+    struct Entry {
+        std::uint32_t generation;
+        Handler handler;
+    };
+
+    std::unordered_map<int, Entry> entries_;  // by descriptor
+    std::uint32_t generation_ = 0;            // of the last added: tells it from earlier ones of its number
 };
 
 }  // namespace packetserver

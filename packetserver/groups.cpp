@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace packetserver {
@@ -12,7 +13,7 @@ namespace packetserver {
 Groups::Groups(NwIpv4Addr device) : device_(device) {}
 
 Groups::~Groups() {
-    for (const int socketFd : sockets_) ::close(socketFd);
+    for (const Socket& socket : sockets_) ::close(socket.fd);
 }
 
 bool Groups::wish(NwIpv4Addr group) {
@@ -21,23 +22,33 @@ bool Groups::wish(NwIpv4Addr group) {
         ++found->second.wishes;
         return true;
     }
-    const int socketFd = join(group);
-    if (socketFd < 0) return false;
-    joined_[group] = Membership{socketFd, 1};
-    return true;
+    Membership& membership = joined_[group];
+    membership = Membership{join(group), 1};
+    if (membership.socketFd >= 0) return true;
+    joined_.erase(group);
+    return false;
 }
 
 void Groups::unwish(NwIpv4Addr group) {
     const auto found = joined_.find(group);
     if (found == joined_.end() || --found->second.wishes > 0) return;
-    change(found->second.socketFd, IP_DROP_MEMBERSHIP, group);
+    const int socketFd = found->second.socketFd;
     joined_.erase(found);
+    change(socketFd, IP_DROP_MEMBERSHIP, group);
+    const auto socket = std::find_if(sockets_.begin(), sockets_.end(),
+                                     [socketFd](const Socket& one) { return one.fd == socketFd; });
+    if (--socket->groups > 0) return;
+    ::close(socketFd);
+    sockets_.erase(socket);
 }
 
 // The socket that has joined, or -1 with errno: the newest one first, since older ones are full more often.
 int Groups::join(NwIpv4Addr group) {
-    for (auto socketFd = sockets_.rbegin(); socketFd != sockets_.rend(); ++socketFd) {
-        if (change(*socketFd, IP_ADD_MEMBERSHIP, group)) return *socketFd;
+    for (auto socket = sockets_.rbegin(); socket != sockets_.rend(); ++socket) {
+        if (change(socket->fd, IP_ADD_MEMBERSHIP, group)) {
+            ++socket->groups;
+            return socket->fd;
+        }
         if (errno != ENOBUFS) return -1;  // another reason than this socket being full
     }
     const int added = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -48,7 +59,7 @@ int Groups::join(NwIpv4Addr group) {
         errno = error;
         return -1;
     }
-    sockets_.push_back(added);
+    sockets_.push_back(Socket{added, 1});
     return added;
 }
 

@@ -28,6 +28,10 @@ public:
     std::size_t count() const { return joined_.size(); }
 
 private:
+    struct Socket {
+        int fd;
+        unsigned groups;
+    };
     struct Membership {
         int socketFd;
         unsigned wishes;
@@ -37,7 +41,7 @@ private:
     bool change(int socketFd, int option, NwIpv4Addr group) const;
 
     const NwIpv4Addr device_;
-    std::vector<int> sockets_;
+    std::vector<Socket> sockets_;  // each has joined a group at least
     std::map<NwIpv4Addr, Membership> joined_;
 };
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace packetserver {
@@ -20,7 +21,8 @@ Log::~Log() {
 
 bool Log::open() {
     if (file_.empty()) return true;
-    const int opened = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int opened =
+        ::open(file_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
     if (opened < 0) return false;
     if (fileFd_ >= 0) ::close(fileFd_);
     fileFd_ = opened;
@@ -28,24 +30,43 @@ bool Log::open() {
 }
 
 void Log::event(const nlohmann::json& fields, const std::string& words) {
-    const int standard = isJson_ ? STDOUT_FILENO : STDERR_FILENO;
-    const std::string line = isJson_ ? fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                                     : "cvpacketserver: " + words;
-    write(fileFd_ >= 0 ? fileFd_ : standard, line + '\n');
+    if (lost_ > 0) {
+        const std::uint64_t lost = std::exchange(lost_, 0);
+        put({{"event", "lines lost"}, {"lines", lost}}, fmt::format("{} lines lost here", lost));
+        if (lost_ > 0) lost_ = lost;  // the same ones still
+    }
+    put(fields, words);
 }
 
-// A line that cannot be written now is lost: the server has better to do than to wait or to end for it. (A
-// pipe that takes anything takes a line: it is shorter than PIPE_BUF.)
-void Log::write(int fd, const std::string& line) {
+void Log::put(const nlohmann::json& fields, const std::string& words) {
+    const std::string line = isJson_ ? fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                                     : "cvpacketserver: " + words;
+    if (!write((line + '\n').data(), line.size() + 1)) ++lost_;
+}
+
+void Log::outOfMemory() {
+    static const char asJson[] = "{\"event\":\"out of memory\"}\n";
+    static const char asText[] = "cvpacketserver: out of memory: something was left undone\n";
+    if (isJson_)
+        write(asJson, sizeof asJson - 1);
+    else
+        write(asText, sizeof asText - 1);
+}
+
+// The server has better to do than to wait or to end for a line. (A pipe that takes anything takes a line: it
+// is shorter than PIPE_BUF.)
+bool Log::write(const char* line, std::size_t length) const {
+    const int fd = fileFd_ >= 0 ? fileFd_ : isJson_ ? STDOUT_FILENO : STDERR_FILENO;
     std::size_t done = 0;
-    while (done < line.size()) {
+    while (done < length) {
         pollfd room{fd, POLLOUT, 0};
-        if (::poll(&room, 1, 0) == 0) return;
-        const ssize_t written = ::write(fd, line.data() + done, line.size() - done);
+        if (::poll(&room, 1, 0) == 0) return false;
+        const ssize_t written = ::write(fd, line + done, length - done);
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
+        if (written <= 0) return false;
         done += static_cast<std::size_t>(written);
     }
+    return true;
 }
 
 }  // namespace packetserver

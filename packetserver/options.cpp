@@ -96,9 +96,10 @@ std::optional<Options> readOptions(int argc, char** argv, int* status) {
     app.add_option("--interface", interface,
                    "interface for multicast, by address or name (the system's choice)");
     app.add_option("--group", groups, "multicast group to join for good; may be given several times");
-    app.add_option("--clients", server.clients, "clients at once, for each port (32)")
+    app.add_option("--clients", server.clients, "clients at once, for each port (32, at most 4000)")
         ->check(CLI::Range(1U, mostClients));
-    app.add_option("--queue", server.queueBytes, "bytes of each client's queue, also as 512k or 16m (4m)")
+    app.add_option("--queue", server.queueBytes,
+                   "bytes of each client's queue, also as 512k or 16m (4m; 256k to 1g)")
         ->transform(CLI::AsSizeValue(false))
         ->check(CLI::Range(leastQueueBytes, mostQueueBytes));
     app.add_flag("--internal", server.isInternal,
@@ -117,7 +118,8 @@ std::optional<Options> readOptions(int argc, char** argv, int* status) {
     app.add_option("--stats", options.statisticsSeconds, "log statistics every so many seconds (never)")
         ->check(CLI::Range(1U, 86400U));
     app.add_flag("--json", options.isJson, "log JSON lines, on standard output");
-    app.add_option("--log", options.logFile, "log to this file instead; SIGHUP opens it anew");
+    app.add_option("--log", options.logFile,
+                   "log to this file instead; SIGHUP opens it anew (without it SIGHUP stops the server)");
     try {
         app.parse(argc, argv);
         server.unbundles = !keepsBundles;

@@ -12,12 +12,12 @@ void FieldFilter::setOperator(bool excludes) {
 
 bool FieldFilter::add(std::uint32_t value) {
     if (count_ >= limit) return false;
-    ++count_;
     if (value < bytes_.size()) {
         bytes_.set(value);
     } else {
         others_.insert(value);
     }
+    ++count_;
     return true;
 }
 

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 
 #include <cvutil/cvPacketServer.h>
@@ -21,9 +20,30 @@ namespace {
 
 const char* const lockSuffix = ".lock";
 
+/// SO_PASSRIGHTS of Linux 6.16 and later: 0 keeps others from sending descriptors.
+constexpr int passRights = 83;
+/// The most descriptors that come with one message (SCM_MAX_FD).
+constexpr std::size_t mostDescriptors = 253;
+
+/// A TCP socket that lingers would hold up the server for as long as its sender pleases.
+void closeUnasked(int fd) {
+    const linger none{};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    ::close(fd);
+}
+
+void closeUnasked(const cmsghdr& rights) {
+    const std::size_t count = (rights.cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < count; ++i) {
+        int given = -1;
+        std::memcpy(&given, CMSG_DATA(&rights) + i * sizeof given, sizeof given);
+        closeUnasked(given);
+    }
+}
+
 }  // namespace
 
-RequestSocket::RequestSocket(const std::string& directory, int port, bool isForEverybody) {
+RequestSocket::RequestSocket(const std::string& directory, int port) {
     char path[NwPacketServerPathSize];
     if (NwPacketServerPathIn(directory.c_str(), static_cast<unsigned>(port), path, NwPacketServerVersion) ==
         nullptr) {
@@ -31,7 +51,7 @@ RequestSocket::RequestSocket(const std::string& directory, int port, bool isForE
         return;
     }
     path_ = path;
-    if (lock() && lockPort(port)) open(isForEverybody);
+    if (lockFile()) lockPort(port);
 }
 
 RequestSocket::~RequestSocket() {
@@ -39,10 +59,10 @@ RequestSocket::~RequestSocket() {
         ::unlink(path_.c_str());
         ::close(fd_);
     }
-    if (portFd_ >= 0) ::close(portFd_);
-    if (lockFd_ < 0) return;
+    if (portLockFd_ >= 0) ::close(portLockFd_);
+    if (fileLockFd_ < 0) return;
     ::unlink((path_ + lockSuffix).c_str());
-    ::close(lockFd_);
+    ::close(fileLockFd_);
 }
 
 bool RequestSocket::fail(const std::string& what) {
@@ -51,64 +71,70 @@ bool RequestSocket::fail(const std::string& what) {
 }
 
 // A lock on a file that its last owner has just removed excludes nobody: then once more.
-bool RequestSocket::lock() {
+bool RequestSocket::lockFile() {
     const std::string lockPath = path_ + lockSuffix;
     for (;;) {
-        lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (lockFd_ < 0) return fail("cannot open " + lockPath);
-        if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) break;
+        fileLockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fileLockFd_ < 0) return fail("cannot open " + lockPath);
+        if (::flock(fileLockFd_, LOCK_EX | LOCK_NB) != 0) break;
         struct stat locked {};
         struct stat named {};
-        if (::fstat(lockFd_, &locked) == 0 && ::lstat(lockPath.c_str(), &named) == 0 &&
+        if (::fstat(fileLockFd_, &locked) == 0 && ::lstat(lockPath.c_str(), &named) == 0 &&
             locked.st_ino == named.st_ino && locked.st_dev == named.st_dev)
             return true;
-        ::close(lockFd_);
+        ::close(fileLockFd_);
     }
     const bool isServed = errno == EWOULDBLOCK;
     if (!isServed) fail("cannot lock " + lockPath);
     if (isServed) problem_ = "another packet server serves this port: " + path_;
-    ::close(lockFd_);
-    lockFd_ = -1;
+    ::close(fileLockFd_);
+    fileLockFd_ = -1;
     return false;
 }
 
-// The lock file knows one directory. A name that the whole network namespace shares, gone with its process,
-// keeps servers with other directories away: they would open the port as well, and split its traffic.
+// Abstract names belong to the network namespace, as ports do: this one keeps away servers of other users and
+// directories, with which the traffic would be shared out silently.
 bool RequestSocket::lockPort(int port) {
+    const std::string name = "cvpacketserver-" + std::to_string(port);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const int length =
-        std::snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "cvpacketserver-%d", port);
-    portFd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const std::size_t size = offsetof(sockaddr_un, sun_path) + 1 + static_cast<std::size_t>(length);
-    if (portFd_ >= 0 &&
-        ::bind(portFd_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(size)) == 0)
+    std::memcpy(address.sun_path + 1, name.data(), name.size());
+    const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+    portLockFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (portLockFd_ >= 0 &&
+        ::bind(portLockFd_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)) == 0)
         return true;
-    if (errno != EADDRINUSE) return fail("cannot lock the port");
-    problem_ = "another packet server serves this port, with another run directory";
+    if (errno != EADDRINUSE) return fail("cannot lock @" + name);
+    problem_ = "another packet server serves this port, with another run directory: see who has @" + name +
+               " (ss -xap)";
     return false;
 }
 
 bool RequestSocket::open(bool isForEverybody) {
-    const int opened = NwOpenUnixDgram(path_.c_str(), NwUnixDgramBind, nullptr);
-    if (opened < 0) return fail("cannot open " + path_);
-    const int on = 1;
-    if (::setsockopt(opened, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0 ||
-        ::fcntl(opened, F_SETFL, O_NONBLOCK) != 0 ||
-        ::chmod(path_.c_str(), isForEverybody ? 0666 : 0600) != 0) {
-        fail("cannot set up " + path_);
-        ::unlink(path_.c_str());
-        ::close(opened);
-        return false;
-    }
-    fd_ = opened;
+    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd_ < 0 || !bind()) return fail("cannot open " + path_);
+    if (isForEverybody && ::chmod(path_.c_str(), 0666) != 0) return fail("cannot set up " + path_);
     return true;
+}
+
+// The options come first: there is no moment in which a request comes without its sender, or somebody else
+// gets in. What a killed server left at the path goes; the lock says that it is nobody's.
+bool RequestSocket::bind() {
+    const int on = 1;
+    const int off = 0;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.c_str(), path_.size());
+    ::setsockopt(fd_, SOL_SOCKET, passRights, &off, sizeof off);  // closeUnasked() serves older systems
+    ::unlink(path_.c_str());
+    return ::setsockopt(fd_, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0 && ::fchmod(fd_, 0600) == 0 &&
+           ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 RequestSocket::Result RequestSocket::next(NwCsMsg& request, Sender& sender, const char*& why) {
     request = NwCsMsg{};
     iovec room{&request, sizeof request};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred)) + 64];
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred)) + CMSG_SPACE(mostDescriptors * sizeof(int))];
     msghdr message{};
     message.msg_iov = &room;
     message.msg_iovlen = 1;
@@ -124,13 +150,8 @@ RequestSocket::Result RequestSocket::next(NwCsMsg& request, Sender& sender, cons
             std::memcpy(&credentials, CMSG_DATA(part), sizeof credentials);
             sender = Sender{credentials.pid, credentials.uid, credentials.gid};
             isSigned = true;
-        } else if (part->cmsg_type == SCM_RIGHTS) {  // nobody asked for descriptors: close them
-            const std::size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (std::size_t i = 0; i < count; ++i) {
-                int given = -1;
-                std::memcpy(&given, CMSG_DATA(part) + i * sizeof given, sizeof given);
-                ::close(given);
-            }
+        } else if (part->cmsg_type == SCM_RIGHTS) {
+            closeUnasked(*part);
         }
     }
     if (!isSigned || sender.pid <= 0) {

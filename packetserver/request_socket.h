@@ -21,15 +21,19 @@ struct Sender {
 
 class RequestSocket {
 public:
-    /// Opens the socket for `port` in `directory`, for everybody or the own user alone. On failure isOk() is
-    /// false and problem() says why, in one line.
-    RequestSocket(const std::string& directory, int port, bool isForEverybody);
+    /// Takes the locks for `port`; clients find nothing yet. On failure, here as in open(), isOk() is false
+    /// and problem() says why, in one line.
+    RequestSocket(const std::string& directory, int port);
     /// Removes the path and the lock file.
     ~RequestSocket();
     RequestSocket(const RequestSocket&) = delete;
     RequestSocket& operator=(const RequestSocket&) = delete;
 
-    bool isOk() const { return fd_ >= 0; }
+    /// Opens the socket in `directory`, for everybody or the own user alone. Clients take the server for
+    /// running from now on.
+    bool open(bool isForEverybody);
+
+    bool isOk() const { return problem_.empty(); }
     const std::string& problem() const { return problem_; }
     int fd() const { return fd_; }
     const std::string& path() const { return path_; }
@@ -40,15 +44,15 @@ public:
     Result next(NwCsMsg& request, Sender& sender, const char*& why);
 
 private:
-    bool lock();
+    bool lockFile();
     bool lockPort(int port);
-    bool open(bool isForEverybody);
+    bool bind();
     bool fail(const std::string& what);
 
     std::string path_;
     std::string problem_;
-    int lockFd_ = -1;
-    int portFd_ = -1;
+    int fileLockFd_ = -1;
+    int portLockFd_ = -1;
     int fd_ = -1;
 };
 

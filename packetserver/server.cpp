@@ -24,7 +24,12 @@ namespace {
 constexpr int packetsInBurst = 256;
 constexpr int requestsInBurst = 64;
 constexpr int receiveBufferBytes = 8 << 20;
-constexpr unsigned mostRefusalsTold = 10;  // between two ticks
+constexpr unsigned mostGroupsOfClient = 256;
+constexpr unsigned mostPendingOfProcess = 8;
+/// Lines about clients, who come and go, and ask for what they do not get, as often as they like: so many at
+/// once, and so many more each second.
+constexpr unsigned linesAtOnce = 200;
+constexpr unsigned linesPerTick = 5;
 /// A control-only client is sent states, warnings and notices: room for the answer about all clients, and
 /// more.
 constexpr unsigned long controlQueueBytes = 256UL << 10;
@@ -46,22 +51,41 @@ Server::Server(int port, const ServerSettings& settings, EventLoop& loop, Log& l
       since_(std::chrono::steady_clock::now()),
       groups_(settings.interface),
       isInternal_(settings.isInternal),
-      unbundles_(settings.unbundles) {}
+      unbundles_(settings.unbundles),
+      linesLeft_(linesAtOnce) {}
 
 Server::~Server() {
     if (socket_) loop_.remove(socket_->readFd());
     if (requests_) loop_.remove(requests_->fd());
+    linesLeft_ += static_cast<unsigned>(clients_.size());  // nobody can bring about more
     for (const auto& entry : clients_) entry.second->sendAway(NwCsNoticeStopped);
     while (!clients_.empty()) detach(clients_.begin(), "server stopped");
 }
 
+// The request path comes last: what clients find there serves them.
 bool Server::start() {
-    requests_ = std::make_unique<RequestSocket>(settings_.directory, port_, settings_.permissions.isShared());
+    requests_ = std::make_unique<RequestSocket>(settings_.directory, port_);
+    if (requests_->isOk()) {
+        NwShmMsgQueueSegment::removeLeftovers(port_, NwShmMsgQueueSegment::slotLimit);
+        if (!openPort()) return false;
+        requests_->open(settings_.permissions.isShared());
+    }
     if (!requests_->isOk()) {
         problem_ = requests_->problem();
         return false;
     }
-    NwShmMsgQueueSegment::removeLeftovers(port_, NwShmMsgQueueSegment::slotLimit);
+    if (!loop_.add(socket_->readFd(), [this] { readPackets(); }) ||
+        !loop_.add(requests_->fd(), [this] { readRequests(); })) {
+        problem_ = fmt::format("cannot wait for packets: {}", std::strerror(errno));
+        return false;
+    }
+    log_.event(
+        {{"event", "serving"}, {"port", port_}, {"path", requests_->path()}, {"internal", isInternal_}},
+        fmt::format("serving port {} at {}{}", port_, requests_->path(), isInternal_ ? " (internal)" : ""));
+    return true;
+}
+
+bool Server::openPort() {
     errno = 0;
     socket_ = std::make_unique<PortSocket>(port_);
     if (!socket_->isOk()) {
@@ -74,14 +98,6 @@ bool Server::start() {
         problem_ = fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno));
         return false;
     }
-    if (!loop_.add(socket_->readFd(), [this] { readPackets(); }) ||
-        !loop_.add(requests_->fd(), [this] { readRequests(); })) {
-        problem_ = fmt::format("cannot wait for packets: {}", std::strerror(errno));
-        return false;
-    }
-    log_.event(
-        {{"event", "serving"}, {"port", port_}, {"path", requests_->path()}, {"internal", isInternal_}},
-        fmt::format("serving port {} at {}{}", port_, requests_->path(), isInternal_ ? " (internal)" : ""));
     return true;
 }
 
@@ -131,10 +147,8 @@ void Server::readRequests() {
         if (result == RequestSocket::Result::nothing) break;
         if (result == RequestSocket::Result::request) {
             serve(request, sender);
-        } else if (refusedRequests_++ == 0) {  // a flood of them is told once, and counted
-            log_.event({{"event", "request refused"}, {"port", port_}, {"pid", sender.pid}, {"reason", why}},
-                       fmt::format("port {}: request of process {} refused: {}; later ones are counted only",
-                                   port_, sender.pid, why));
+        } else {
+            refuseRequest(sender, why);
         }
     }
     publish();
@@ -159,32 +173,42 @@ void Server::serve(const NwCsMsg& request, const Sender& sender) {
 void Server::attach(const NwCsAddClientMsg& request, const Sender& sender) {
     auto notify = std::make_unique<NotifySocket>(request.notifyPath(), sender.uid);
     const bool isControlOnly = (request.flags() & NwCsClientControlOnly) != 0;
-    if (!notify->problem().empty()) return refuse(*notify, sender, "the notify path " + notify->problem());
-    if (!settings_.permissions.mayAttach(sender.uid, sender.gid))
-        return refuse(*notify, sender, "this user may not attach");
-    if (!hasPlace(isControlOnly)) {
-        notify->answer(NwCsQuotaMsg(-1));
-        if (mayTellOfRefusal())
-            log_.event({{"event", "quota"}, {"port", port_}, {"pid", sender.pid}},
-                       fmt::format("port {}: process {} turned away: no place left", port_, sender.pid));
-        return;
-    }
-    auto client = std::make_unique<Client>(nextId_, request.flags(), sender, std::move(notify));
-    client->unbundles = unbundles_;
+    const std::string objection = objectionTo(*notify, sender);
+    if (!objection.empty()) return refuse(*notify, sender, objection);
+    if (!hasPlace(isControlOnly)) return turnAway(*notify, sender);
+    auto made = std::make_unique<Client>(newId(), request.flags(), sender, std::move(notify));
+    made->unbundles = unbundles_;
     const unsigned long wanted = isControlOnly
                                      ? controlQueueBytes + controlQueueBytesPerClient * settings_.clients
                                      : settings_.queueBytes;
-    if (!makeQueue(*client, NwShmMsgQueueMgr::bytesFor(wanted))) {
+    if (!makeQueue(*made, NwShmMsgQueueMgr::bytesFor(wanted))) {
         const std::string why = fmt::format("no shared memory for a queue: {}", std::strerror(errno));
-        return refuse(client->notify(), sender, why);
+        return refuse(made->notify(), sender, why);
     }
-    if (!client->acknowledge(isInternal_)) return;  // it has given up; its queue goes with the object
-    nextId_ = nextId_ < 0x7FFFFFFF ? nextId_ + 1 : 1;
-    watchEnd(*client);
-    logClient(
-        "attached", *client,
-        fmt::format("client {} attached: process {} ({})", client->id(), sender.pid, client->program()));
-    clients_[client->id()] = std::move(client);
+    Client& client = *clients_.emplace(made->id(), std::move(made)).first->second;
+    if (!client.acknowledge(isInternal_)) {  // it has given up
+        clients_.erase(client.id());
+        return;
+    }
+    watchEnd(client);
+    if (!mayTell()) return;
+    logClient("attached", client,
+              fmt::format("client {} attached: process {} ({})", client.id(), sender.pid, client.program()));
+}
+
+// Why this one may not become a client; empty when it may.
+std::string Server::objectionTo(const NotifySocket& notify, const Sender& sender) const {
+    if (!notify.problem().empty()) return "the notify path " + notify.problem();
+    if (!settings_.permissions.mayAttach(sender.uid, sender.gid)) return "this user may not attach";
+    if (pendingOf(sender.pid) >= mostPendingOfProcess)
+        return "clients of this process have been acknowledged and do not attach";
+    return "";
+}
+
+int Server::newId() {
+    do nextId_ = nextId_ < 0x7FFFFFFF ? nextId_ + 1 : 1;
+    while (clients_.count(nextId_) != 0);
+    return nextId_;
 }
 
 // A process that has ended is told of once: a child of it may go on with the queue, which tick() looks after.
@@ -202,6 +226,12 @@ bool Server::hasPlace(bool isControlOnly) {
     const unsigned limit = isControlOnly ? settings_.controlClients : settings_.clients;
     if (count(isControlOnly) >= limit) reap();
     return count(isControlOnly) < limit;
+}
+
+unsigned Server::pendingOf(pid_t process) const {
+    return static_cast<unsigned>(std::count_if(clients_.begin(), clients_.end(), [=](const auto& entry) {
+        return entry.second->sender().pid == process && entry.second->isPending();
+    }));
 }
 
 unsigned Server::count(bool controlOnly) const {
@@ -224,56 +254,76 @@ bool Server::makeQueue(Client& client, long capacity) const {
 }
 
 void Server::refuse(NotifySocket& notify, const Sender& sender, const std::string& why) {
-    notify.answer(NwCsWarningMsg(nullptr, NwCsWarningRefused, 0, why.c_str()));
-    if (!mayTellOfRefusal()) return;
-    log_.event(
-        {{"event", "refused"}, {"port", port_}, {"pid", sender.pid}, {"uid", sender.uid}, {"reason", why}},
-        fmt::format("port {}: process {} of user {} refused: {}", port_, sender.pid, sender.uid, why));
-}
-
-// Counts it too. Who is refused all the time does not fill the log.
-bool Server::mayTellOfRefusal() {
     ++refusedAttaches_;
-    return refusalsTold_++ < mostRefusalsTold;
+    if (mayTell())
+        log_.event(
+            {{"event", "refused"},
+             {"port", port_},
+             {"pid", sender.pid},
+             {"uid", sender.uid},
+             {"reason", why}},
+            fmt::format("port {}: process {} of user {} refused: {}", port_, sender.pid, sender.uid, why));
+    notify.answer(NwCsWarningMsg(nullptr, NwCsWarningRefused, 0, why.c_str()));
 }
 
-Client* Server::clientOf(unsigned id, const Sender& sender, const char* what) {
+void Server::turnAway(NotifySocket& notify, const Sender& sender) {
+    ++refusedAttaches_;
+    if (mayTell())
+        log_.event({{"event", "quota"}, {"port", port_}, {"pid", sender.pid}},
+                   fmt::format("port {}: process {} turned away: no place left", port_, sender.pid));
+    notify.answer(NwCsQuotaMsg(-1));
+}
+
+// Whether a line about a client goes into the log: nobody fills it. tick() tells of those left out.
+bool Server::mayTell() {
+    if (linesLeft_ > 0) {
+        --linesLeft_;
+        return true;
+    }
+    ++linesLeftOut_;
+    return false;
+}
+
+void Server::refuseRequest(const Sender& sender, const char* why) {
+    ++refusedRequests_;
+    if (!mayTell()) return;
+    log_.event({{"event", "request refused"}, {"port", port_}, {"pid", sender.pid}, {"reason", why}},
+               fmt::format("port {}: request of process {} refused: {}", port_, sender.pid, why));
+}
+
+Client* Server::clientOf(unsigned id, const Sender& sender) {
     const auto found = clients_.find(static_cast<int>(id));
     if (found == clients_.end()) return nullptr;  // it has gone meanwhile
     if (found->second->isOwnedBy(sender)) {
         found->second->noteAttached();
         return found->second.get();
     }
-    if (refusedRequests_++ == 0)
-        log_.event(
-            {{"event", "request refused"}, {"port", port_}, {"pid", sender.pid}, {"reason", "not its own"}},
-            fmt::format("port {}: {} of process {} for another user's client {} refused", port_, what,
-                        sender.pid, id));
+    refuseRequest(sender, "the client is another user's");
     return nullptr;
 }
 
 void Server::setFilter(const NwCsFilterMsg& request, const Sender& sender) {
-    Client* client = clientOf(request.clientId(), sender, "filter");
+    Client* client = clientOf(request.clientId(), sender);
     if (client != nullptr && !client->filter.apply(request)) warn(*client, "the filter's list is full");
 }
 
 void Server::changeGroups(const NwCsMulticastReqMsg& request, const Sender& sender) {
-    Client* client = clientOf(request.clientId(), sender, "group request");
+    Client* client = clientOf(request.clientId(), sender);
     if (client == nullptr) return;
     const NwIpv4Addr group = request.group();
-    if (!NwIsMulticastAddr(group)) return warn(*client, "no multicast address");
     if (request.op() == NwCsMulticastLeave) {
         if (client->groups.erase(group) != 0) groups_.unwish(group);
-    } else if (client->groups.count(group) == 0) {
-        if (groups_.wish(group))
-            client->groups.insert(group);
-        else
-            warn(*client, fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno)));
+    } else if (client->groups.size() >= mostGroupsOfClient) {
+        warn(*client,
+             fmt::format("cannot join {}: more than {} groups", NwInetAddrString(group), mostGroupsOfClient));
+    } else if (client->groups.insert(group).second && !groups_.wish(group)) {
+        warn(*client, fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno)));
+        client->groups.erase(group);
     }
 }
 
 void Server::control(const NwCsControlReqMsg& request, const Sender& sender) {
-    Client* client = clientOf(request.clientId(), sender, "control request");
+    Client* client = clientOf(request.clientId(), sender);
     if (client == nullptr) return;
     switch (request.request()) {
         case NwCsRequestExternal:
@@ -385,9 +435,10 @@ void Server::warn(Client& client, const std::string& text) {
 void Server::detach(Clients::iterator client, const char* how) {
     const Client& leaving = *client->second;
     const Client::Counts& counts = leaving.counts();
-    logClient("detached", leaving,
-              fmt::format("client {} {}: {} delivered, {} filtered, {} dropped", leaving.id(), how,
-                          counts.delivered, counts.filtered, counts.dropped));
+    if (mayTell())
+        logClient("detached", leaving,
+                  fmt::format("client {} {}: {} delivered, {} filtered, {} dropped", leaving.id(), how,
+                              counts.delivered, counts.filtered, counts.dropped));
     for (const NwIpv4Addr group : leaving.groups) groups_.unwish(group);
     if (leaving.pidFd() >= 0) loop_.remove(leaving.pidFd());
     if (leaving.isDead()) client->second->notify().removePath();  // it was left behind
@@ -403,7 +454,11 @@ void Server::reap() {
 }
 
 void Server::tick() {
-    refusalsTold_ = 0;
+    if (linesLeftOut_ > 0)
+        log_.event({{"event", "lines left out"}, {"port", port_}, {"lines", linesLeftOut_}},
+                   fmt::format("port {}: {} more lines about clients left out", port_, linesLeftOut_));
+    linesLeftOut_ = 0;
+    linesLeft_ = std::min(linesLeft_ + linesPerTick, linesAtOnce);
     reap();
     publish();
 }
@@ -443,8 +498,10 @@ void Server::logStatistics() {
                 {"outsideDropped", outsideDropped_},
                 {"requestsRefused", refusedRequests_},
                 {"attachesRefused", refusedAttaches_}},
-               fmt::format("port {}: {} clients, {} datagrams, {} packets, {} dropped by the kernel", port_,
-                           count(false), socket_->datagrams(), packets_, kernelDropped()));
+               fmt::format("port {}: {} clients, {} datagrams, {} packets, {} dropped by the kernel, {} of "
+                           "other hosts dropped, {} requests and {} attaches refused",
+                           port_, count(false), socket_->datagrams(), packets_, kernelDropped(),
+                           outsideDropped_, refusedRequests_, refusedAttaches_));
     for (const auto& entry : clients_) {
         const Client& client = *entry.second;
         logClient(

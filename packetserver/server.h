@@ -60,6 +60,7 @@ public:
 private:
     using Clients = std::map<int, std::unique_ptr<Client>>;  // by identifier
 
+    bool openPort();
     void readPackets();
     void distribute(const PortSocket::Packet& packet, NwIpv4Addr source);
     void publish();
@@ -67,11 +68,15 @@ private:
     void readRequests();
     void serve(const NwCsMsg& request, const Sender& sender);
     void attach(const NwCsAddClientMsg& request, const Sender& sender);
+    std::string objectionTo(const NotifySocket& notify, const Sender& sender) const;
+    int newId();
     void watchEnd(const Client& client);
     bool hasPlace(bool isControlOnly);
+    unsigned pendingOf(pid_t process) const;
     bool makeQueue(Client& client, long capacity) const;
     void refuse(NotifySocket& notify, const Sender& sender, const std::string& why);
-    bool mayTellOfRefusal();
+    void turnAway(NotifySocket& notify, const Sender& sender);
+    bool mayTell();
     void setFilter(const NwCsFilterMsg& request, const Sender& sender);
     void changeGroups(const NwCsMulticastReqMsg& request, const Sender& sender);
     void control(const NwCsControlReqMsg& request, const Sender& sender);
@@ -82,7 +87,8 @@ private:
     void tellAll(NwCsNoticeCode notice);
     void pingAll();
 
-    Client* clientOf(unsigned id, const Sender& sender, const char* what);
+    void refuseRequest(const Sender& sender, const char* why);
+    Client* clientOf(unsigned id, const Sender& sender);
     bool mayControl(Client& asking, const char* what);
     void warn(Client& client, const std::string& text);
     void detach(Clients::iterator client, const char* how);
@@ -101,7 +107,7 @@ private:
     std::unique_ptr<RequestSocket> requests_;
     Groups groups_;
     Clients clients_;
-    int nextId_ = 1;
+    int nextId_ = 0;  // of the last client
     bool isInternal_;
     bool unbundles_;
     bool isAskedToStop_ = false;
@@ -109,7 +115,8 @@ private:
     std::uint64_t outsideDropped_ = 0;
     std::uint64_t refusedRequests_ = 0;
     std::uint64_t refusedAttaches_ = 0;
-    unsigned refusalsTold_ = 0;  // since the last tick
+    unsigned linesLeft_;              // see mayTell()
+    std::uint64_t linesLeftOut_ = 0;  // since the last tick
 };
 
 }  // namespace packetserver

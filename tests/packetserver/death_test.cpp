@@ -320,6 +320,7 @@ TEST_F(PacketServerDeaths, nextStartClearsEverySlot) {
         clients.back()->bindNotify();
         clients.back()->ask();
         ASSERT_TRUE(clients.back()->awaitAnswer());
+        ASSERT_TRUE(clients.back()->attach());
     }
     EXPECT_EQ(segmentsThere(), 40);
     large.kill();

@@ -293,6 +293,7 @@ TEST_F(PacketServerNeighbours, notifySocketOfAnotherUserHearsNothing) {
     EXPECT_TRUE(std::filesystem::exists(mine.notifyPath));
 }
 
+// Or refused, where the system can do that.
 TEST_F(PacketServerNeighbours, descriptorsThatArePassedAreClosed) {
     Server server;
     BareClient client(server.requestPath());
@@ -318,7 +319,7 @@ TEST_F(PacketServerNeighbours, descriptorsThatArePassedAreClosed) {
     control.settle();
     const int before = server.daemon().descriptors();
     for (int round = 0; round < 50; ++round)
-        for (const int count : {1, 2, 11, 12, 13, 253}) ASSERT_GT(pass(count), 0);
+        for (const int count : {1, 2, 11, 12, 13, 253}) ASSERT_TRUE(pass(count) > 0 || errno == EPERM);
     control.settle();
     EXPECT_EQ(server.daemon().descriptors(), before);
 }
@@ -342,6 +343,12 @@ private:
     UdpPeer mySender;
 };
 
+// How many lines about clients the log holds since then: 200 at once, and 5 more a second.
+int mostLines(std::chrono::steady_clock::time_point start) {
+    const auto past = std::chrono::steady_clock::now() - start;
+    return 200 + 5 * static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(past).count() + 2);
+}
+
 TEST_F(PacketServerNeighbours, floodOfGarbageHoldsUpNobodyAndIsCounted) {
     const int datagrams = 100000;
     Server server;
@@ -362,6 +369,7 @@ TEST_F(PacketServerNeighbours, floodOfGarbageHoldsUpNobodyAndIsCounted) {
         }
         return 0;
     });
+    const auto start = std::chrono::steady_clock::now();
     while (!foe.hasEnded()) {
         honest.exchange();
         ASSERT_FALSE(testing::Test::HasFatalFailure());
@@ -372,7 +380,7 @@ TEST_F(PacketServerNeighbours, floodOfGarbageHoldsUpNobodyAndIsCounted) {
     EXPECT_EQ(honest.socket.stateOf(honest.socket.id()).dropped, 0u);
     server.stop();
     EXPECT_EQ(server.lastEvent("statistics")["requestsRefused"], datagrams);
-    EXPECT_EQ(server.countEvents("request refused"), 1);  // told once
+    EXPECT_LE(server.countEvents("request refused"), mostLines(start));
 }
 
 TEST_F(PacketServerNeighbours, floodOfAttachesThatAreRefusedDoesNotFillTheLog) {
@@ -391,12 +399,10 @@ TEST_F(PacketServerNeighbours, floodOfAttachesThatAreRefusedDoesNotFillTheLog) {
         ASSERT_FALSE(testing::Test::HasFatalFailure());
     }
     honest.socket.settle();
-    const auto seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
     EXPECT_EQ(server.daemon().descriptors(), before);
     server.stop();
     EXPECT_EQ(server.lastEvent("statistics")["attachesRefused"], attaches);
-    EXPECT_LE(server.countEvents("refused"), 10 * (seconds + 2));
+    EXPECT_LE(server.countEvents("refused"), mostLines(start));
 }
 
 // One process takes all places; when it dies they are free again.
@@ -424,11 +430,19 @@ TEST_F(PacketServerNeighbours, placesTakenByOneProcessComeBackWithItsEnd) {
 TEST_F(PacketServerNeighbours, notifySocketThatIsFullHoldsUpNobody) {
     Server server({"--clients", "200", "--queue", "256k"});
     Honest honest(server);
-    BareClient deaf(server.requestPath());
-    deaf.bindNotify();
-    for (int i = 0; i < 100; ++i) deaf.ask();  // as many answers as do not fit
+    ClientProcess foe([&](const Line& line) {
+        BareClient deaf(server.requestPath());
+        deaf.bindNotify();
+        for (int i = 0; i < 100; ++i) deaf.ask();  // as many answers as do not fit
+        line.say("asked");
+        line.hear();
+        return 0;
+    });
+    EXPECT_EQ(foe.hear(), "asked");
     honest.exchange();
     expectAtWork(server);
+    foe.say("enough");
+    EXPECT_EQ(foe.finish(), 0);
 }
 
 // --- scribbles -------------------------------------------------------------------------------------------

@@ -4,24 +4,66 @@
 #include "server.h"
 
 #include <cvutil/cvPacketServer.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "daemon.h"
 #include "messages.h"
 #include "network.h"
+
+// Failures by appointment: so many allocations of a client's size fail, and a system that is older than its
+// option to take no descriptors.
+static std::atomic<int> clientsWithoutMemory{0};
+static std::atomic<bool> theSystemRefusesDescriptors{true};
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    if (size == sizeof(packetserver::Client) && clientsWithoutMemory > 0) {
+        --clientsWithoutMemory;
+        throw std::bad_alloc();
+    }
+    if (void* const memory = std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
+    const int passRights = 83;
+    if (level == SOL_SOCKET && name == passRights && !theSystemRefusesDescriptors) {
+        errno = ENOPROTOOPT;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, length));
+}
 
 namespace {
 
@@ -36,6 +78,13 @@ const unsigned short kControl = NwCsClientControlOnly;
 bool isThere(const std::string& path) {
     struct stat status;
     return ::lstat(path.c_str(), &status) == 0;
+}
+
+std::size_t openDescriptors() {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        count += !entry.path().empty();
+    return count;
 }
 
 // A client that does what it is told, and no step more.
@@ -128,6 +177,7 @@ public:
 class PacketServerTest : public testing::Test {
 protected:
     PacketServerTest() {
+        NwNetSocket::initErrorAction = 1;  // as in the daemon
         char name[] = "/tmp/cvpiecesXXXXXX";
         settings.directory = ::mkdtemp(name);
         settings.queueBytes = 256 << 10;
@@ -279,6 +329,273 @@ TEST_F(PacketServerTest, emptyDatagramsHaveTurnsLikeAnyOther) {
     std::memcpy(&record, &asking->bytes, sizeof record);
     EXPECT_EQ(record.datagrams, 256u);
     EXPECT_EQ(record.packets, 0u);
+}
+
+TEST_F(PacketServerTest, refusedRequestsDoNotFillTheLog) {
+    start();
+    const auto client = newClient();
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(::send(client->requestFd, "?", 1, MSG_DONTWAIT), 1);
+        if (i % 5 == 0) turn();  // a queue of the system holds a few
+    }
+    turns();
+    server->tick();
+    const std::size_t lines = logged("request refused").size();
+    EXPECT_GE(lines, 1u);
+    EXPECT_LE(lines, 200u);
+    const auto leftOut = logged("lines left out");
+    ASSERT_EQ(leftOut.size(), 1u);
+    EXPECT_EQ(leftOut[0]["lines"], 1000 - lines);
+    EXPECT_EQ(::send(client->requestFd, "?", 1, MSG_DONTWAIT), 1);  // and later ones are seen again
+    turns();
+    EXPECT_EQ(logged("request refused").size(), lines + 1);
+}
+
+TEST_F(PacketServerTest, oneProcessDoesNotTakeEveryPlaceWithoutAttaching) {
+    start();
+    std::vector<std::unique_ptr<HandClient>> clients;
+    for (int i = 0; i < 8; ++i) {
+        clients.push_back(newClient());
+        clients.back()->ask();
+        turns();
+        EXPECT_EQ(clients.back()->answer(), NwCsKindAck);
+    }
+    const auto oneMore = newClient();
+    oneMore->ask();
+    turns();
+    EXPECT_EQ(oneMore->refusal(), "clients of this process have been acknowledged and do not attach");
+    clients[0]->attachQueue();
+    oneMore->ask();
+    turns();
+    EXPECT_EQ(oneMore->answer(), NwCsKindAck);
+}
+
+TEST_F(PacketServerTest, groupsOfAClientAreLimitedAndTheirSocketsClosed) {
+    REQUIRE_PRIVATE_NETWORK();
+    settings.interface = kLoopback;
+    start();
+    const auto client = attached();
+    const auto asking = attached(kControl);
+    const std::size_t before = openDescriptors();
+    const auto request = [&](NwCsMulticastOp op) {
+        for (unsigned i = 0; i < 300; ++i) {
+            client->group(op, 0xEF010000u + i);
+            if (i % 5 == 0) turn();
+        }
+    };
+    request(NwCsMulticastJoin);
+    EXPECT_EQ(state(*asking).groups, 256u);
+    EXPECT_GT(openDescriptors(), before);
+    ASSERT_EQ(client->message(), NwCsKindWarning);
+    EXPECT_STREQ(NwCsWarningMsg(nullptr, &client->bytes).text(),
+                 "cannot join 239.1.1.0: more than 256 groups");
+    client->bytes = NwCsMsg{};
+    NwCsAckRecord ack{};
+    ack.clientId = 1;
+    std::memcpy(&client->bytes, &ack, sizeof ack);
+    request(NwCsMulticastLeave);
+    EXPECT_EQ(state(*asking).groups, 0u);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+// --- descriptors that nobody asked for -------------------------------------------------------------------
+
+// A connection that takes 30 s to close.
+class SlowToClose {
+public:
+    SlowToClose() : myListener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(kLoopback);
+        socklen_t length = sizeof address;
+        sockaddr* const name = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(::bind(myListener, name, length), 0);
+        EXPECT_EQ(::listen(myListener, 1), 0);
+        EXPECT_EQ(::getsockname(myListener, name, &length), 0);
+        fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(::connect(fd, name, length), 0);
+        const linger patience{1, 30};
+        EXPECT_EQ(::setsockopt(fd, SOL_SOCKET, SO_LINGER, &patience, sizeof patience), 0);
+        const std::string unread(65536, 'u');
+        while (::send(fd, unread.data(), unread.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+    ~SlowToClose() { ::close(myListener); }
+
+    int fd;
+
+private:
+    int myListener;
+};
+
+// Sends it and keeps none; false when the receiver does not take descriptors.
+bool give(int socketFd, int fd) {
+    iovec bytes{const_cast<char*>("?"), 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof fd)] = {};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* const part = CMSG_FIRSTHDR(&message);
+    part->cmsg_level = SOL_SOCKET;
+    part->cmsg_type = SCM_RIGHTS;
+    part->cmsg_len = CMSG_LEN(sizeof fd);
+    std::memcpy(CMSG_DATA(part), &fd, sizeof fd);
+    const bool isTaken = ::sendmsg(socketFd, &message, MSG_DONTWAIT) == 1;
+    const linger none{};
+    if (!isTaken) ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    ::close(fd);
+    return isTaken;
+}
+
+void expectQuickTurns(const std::function<void()>& turns) {
+    const auto begin = std::chrono::steady_clock::now();
+    turns();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+}
+
+TEST_F(PacketServerTest, descriptorThatIsSlowToCloseHoldsNobodyUp) {
+    start();
+    const auto client = newClient();
+    const SlowToClose connection;
+    give(client->requestFd, connection.fd);
+    expectQuickTurns([this] { turns(); });
+}
+
+TEST_F(PacketServerTest, theSameOnASystemThatCannotRefuseDescriptors) {
+    theSystemRefusesDescriptors = false;
+    start();
+    theSystemRefusesDescriptors = true;
+    const auto client = newClient();
+    const std::size_t before = openDescriptors();
+    const SlowToClose connection;
+    EXPECT_TRUE(give(client->requestFd, connection.fd));
+    expectQuickTurns([this] { turns(); });
+    EXPECT_EQ(openDescriptors(), before + 1);  // that which listens
+}
+
+// --- start -----------------------------------------------------------------------------------------------
+
+TEST_F(PacketServerTest, onePortHasOneServerWhateverItsDirectory) {
+    start();
+    ServerSettings elsewhere = settings;
+    elsewhere.directory += "/elsewhere";
+    ASSERT_EQ(::mkdir(elsewhere.directory.c_str(), 0700), 0);
+    {
+        Server second(port, elsewhere, loop, *log);
+        EXPECT_FALSE(second.start());
+        EXPECT_EQ(second.problem(),
+                  "another packet server serves this port, with another run directory: see who "
+                  "has @cvpacketserver-" +
+                      std::to_string(port) + " (ss -xap)");
+    }
+    server.reset();
+    {
+        Server second(port, elsewhere, loop, *log);
+        EXPECT_TRUE(second.start()) << second.problem();
+    }
+    EXPECT_EQ(::rmdir(elsewhere.directory.c_str()), 0);
+}
+
+TEST_F(PacketServerTest, serverThatCannotHaveThePortIsNeverFound) {
+    UdpPeer taken(0, port);
+    std::ofstream(requestPath()) << "untouched";
+    server = std::make_unique<Server>(port, settings, loop, *log);
+    EXPECT_FALSE(server->start());
+    EXPECT_EQ(server->problem(),
+              "cannot open UDP port " + std::to_string(port) + ": " + std::strerror(EADDRINUSE));
+    std::string found;
+    std::ifstream(requestPath()) >> found;
+    EXPECT_EQ(found, "untouched");
+    ::unlink(requestPath().c_str());
+}
+
+// --- the loop, the log -----------------------------------------------------------------------------------
+
+TEST(PacketServerLoop, eventOfADescriptorIsNotGivenToTheNextOneOfItsNumber) {
+    EventLoop loop;
+    int pipes[3][2];
+    for (auto& ends : pipes) ASSERT_EQ(::pipe(ends), 0);
+    int stale = 0;
+    const auto replaceOther = [&](int own, int other) {
+        return [&, own, other] {
+            loop.remove(own);
+            loop.remove(other);
+            ASSERT_EQ(::dup2(pipes[2][0], other), other);  // an empty one
+            ASSERT_TRUE(loop.add(other, [&] { ++stale; }));
+        };
+    };
+    ASSERT_TRUE(loop.add(pipes[0][0], replaceOther(pipes[0][0], pipes[1][0])));
+    ASSERT_TRUE(loop.add(pipes[1][0], replaceOther(pipes[1][0], pipes[0][0])));
+    EXPECT_EQ(::write(pipes[0][1], "0", 1), 1);
+    EXPECT_EQ(::write(pipes[1][1], "1", 1), 1);
+    loop.runOnce(std::chrono::milliseconds(0));
+    loop.runOnce(std::chrono::milliseconds(0));
+    EXPECT_EQ(stale, 0);
+    for (auto& ends : pipes) {
+        ::close(ends[0]);
+        ::close(ends[1]);
+    }
+}
+
+TEST(PacketServerLog, pipeThatNobodyReadsLosesLinesAndTellsHowMany) {
+    char name[] = "/tmp/cvlogXXXXXX";
+    const std::string path = std::string(::mkdtemp(name)) + "/pipe";
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    Log log(true, path);
+    EXPECT_FALSE(log.open()) << "nobody reads, and the server does not wait until somebody does";
+    const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_TRUE(log.open());
+    const int events = 2000;
+    for (int i = 0; i < events; ++i) log.event({{"event", "full"}, {"text", std::string(100, 'x')}}, "");
+    std::string text;
+    const auto drain = [&] {
+        char bytes[4096];
+        for (ssize_t got; (got = ::read(reader, bytes, sizeof bytes)) > 0;)
+            text.append(bytes, static_cast<std::size_t>(got));
+    };
+    drain();
+    const long written = std::count(text.begin(), text.end(), '\n');
+    EXPECT_LT(written, events);
+    text.clear();
+    log.event({{"event", "after"}}, "");
+    drain();
+    EXPECT_EQ(text, "{\"event\":\"lines lost\",\"lines\":" + std::to_string(events - written) +
+                        "}\n{\"event\":\"after\"}\n");
+    ::close(reader);
+    ::unlink(path.c_str());
+    ::rmdir(name);
+}
+
+// --- memory ----------------------------------------------------------------------------------------------
+
+TEST_F(PacketServerTest, attachThatFindsNoMemoryCostsNobodyElse) {
+    packetserver::Options options;
+    options.ports = {port};
+    options.server = settings;
+    options.isJson = true;
+    options.logFile = logPath;
+    const pid_t daemon = ::fork();
+    if (daemon == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        clientsWithoutMemory = 1;
+        ::syscall(SYS_exit_group, packetserver::runDaemon(options));
+    }
+    ASSERT_TRUE(eventually([this] { return logged("serving").size() == 1; }));
+    {
+        const auto first = newClient();
+        first->ask();
+        EXPECT_TRUE(eventually([this] { return logged("out of memory").size() == 1; }));
+        const auto second = newClient();
+        second->ask();
+        EXPECT_TRUE(waitReadable(second->notifyFd));
+        EXPECT_EQ(second->answer(), NwCsKindAck);
+    }
+    ::kill(daemon, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(::waitpid(daemon, &status, 0), daemon);
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace
