@@ -112,9 +112,10 @@ void Client::publish() {
 }
 
 void Client::putDropWarning() {
-    NwCsWarningMsg warning(writer_.get(), NwCsWarningDropped, droppedUntold_,
-                           "packets did not fit this client's queue");
-    if (warning.send() < 0) return;  // no room yet
+    NwCsWarningMsg warning(writer_.get(), NwCsWarningDropped, droppedUntold_, "");
+    // A failed attempt would count as one more message dropped. Twice: the end of the ring may be in between.
+    const std::size_t room = 2 * (sizeof(NwShmRecordHeader) + sizeof(NwCsWarningRecord));
+    if (queueBytes() - writer_->queueMgr().usedBytes() < room || warning.send() < 0) return;  // not yet
     droppedUntold_ = 0;
     hasUnpublished_ = true;
 }

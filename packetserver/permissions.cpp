@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "permissions.h"
 
-#include <grp.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace packetserver {
@@ -16,26 +18,31 @@ bool isOwnerOrRoot(uid_t uid) {
     return uid == 0 || uid == ::geteuid();
 }
 
-/// The groups that the user database knows of a user, besides `gid`.
-std::vector<gid_t> groupsOf(uid_t uid, gid_t gid) {
-    const passwd* user = ::getpwuid(uid);
-    if (user == nullptr) return {gid};
-    int count = 64;
-    std::vector<gid_t> groups(static_cast<std::size_t>(count));
-    if (::getgrouplist(user->pw_name, gid, groups.data(), &count) < 0) {
-        groups.resize(static_cast<std::size_t>(count));
-        if (::getgrouplist(user->pw_name, gid, groups.data(), &count) < 0) return {gid};
+/// The supplementary groups of a process of that user; none when it has ended. The system knows them; a user
+/// database may be slow to answer, and everybody would wait.
+std::vector<gid_t> groupsOf(pid_t process, uid_t uid) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    bool isHis = false;
+    for (std::string line; std::getline(status, line);) {
+        std::istringstream words(line);
+        std::string field;
+        words >> field;
+        if (field == "Uid:") {
+            uid_t real = 0;
+            isHis = words >> real && real == uid;
+        } else if (field == "Groups:" && isHis) {
+            return {std::istream_iterator<gid_t>(words), std::istream_iterator<gid_t>()};
+        }
     }
-    groups.resize(static_cast<std::size_t>(count));
-    return groups;
+    return {};
 }
 
 }  // namespace
 
-bool Permissions::mayAttach(uid_t uid, gid_t gid) const {
-    if (everybody || isOwnerOrRoot(uid) || users.count(uid) != 0) return true;
+bool Permissions::mayAttach(uid_t uid, gid_t gid, pid_t process) const {
+    if (everybody || isOwnerOrRoot(uid) || users.count(uid) != 0 || groups.count(gid) != 0) return true;
     if (groups.empty()) return false;
-    const std::vector<gid_t> own = groupsOf(uid, gid);
+    const std::vector<gid_t> own = groupsOf(process, uid);
     return std::any_of(own.begin(), own.end(), [this](gid_t group) { return groups.count(group) != 0; });
 }
 

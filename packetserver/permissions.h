@@ -11,11 +11,11 @@ namespace packetserver {
 
 struct Permissions {
     std::set<uid_t> users;   // may attach
-    std::set<gid_t> groups;  // whose members, primary or not, may attach
+    std::set<gid_t> groups;  // processes that have one of these, primary or not, may attach
     bool everybody = false;  // may attach
     bool control = false;    // whoever attaches may stop the server and switch its mode
 
-    bool mayAttach(uid_t uid, gid_t gid) const;
+    bool mayAttach(uid_t uid, gid_t gid, pid_t process) const;
     bool mayControl(uid_t uid) const;
     /// Whether anybody but the server's user and root may attach.
     bool isShared() const { return everybody || !users.empty() || !groups.empty(); }

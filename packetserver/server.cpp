@@ -199,7 +199,8 @@ void Server::attach(const NwCsAddClientMsg& request, const Sender& sender) {
 // Why this one may not become a client; empty when it may.
 std::string Server::objectionTo(const NotifySocket& notify, const Sender& sender) const {
     if (!notify.problem().empty()) return "the notify path " + notify.problem();
-    if (!settings_.permissions.mayAttach(sender.uid, sender.gid)) return "this user may not attach";
+    if (!settings_.permissions.mayAttach(sender.uid, sender.gid, sender.pid))
+        return "this user may not attach";
     if (pendingOf(sender.pid) >= mostPendingOfProcess)
         return "clients of this process have been acknowledged and do not attach";
     return "";
@@ -340,8 +341,7 @@ void Server::control(const NwCsControlReqMsg& request, const Sender& sender) {
         case NwCsRequestClientStates:
             return sendClientStates(*client);
         case NwCsRequestTerminate:
-            if (mayControl(*client, "to stop the server")) isAskedToStop_ = true;
-            return;
+            return askToStop(*client);
         case NwCsRequestDisconnect:
             return detach(clients_.find(client->id()), "disconnected");
         default:
@@ -355,6 +355,15 @@ bool Server::mayControl(Client& asking, const char* what) {
     return false;
 }
 
+void Server::askToStop(Client& asking) {
+    if (!mayControl(asking, "to stop the server")) return;
+    isAskedToStop_ = true;
+    log_.event(
+        {{"event", "terminate"}, {"port", port_}, {"pid", asking.sender().pid}, {"uid", asking.sender().uid}},
+        fmt::format("port {}: to be stopped, as process {} of user {} asked", port_, asking.sender().pid,
+                    asking.sender().uid));
+}
+
 void Server::setInternal(Client& asking, bool on) {
     if (!mayControl(asking, "to switch the server's mode") || isInternal_ == on) return;
     isInternal_ = on;
@@ -364,13 +373,17 @@ void Server::setInternal(Client& asking, bool on) {
                fmt::format("port {}: {} now", port_, on ? "internal" : "external"));
 }
 
-// An ordinary client speaks for itself, a control-only one for those to come.
+// An ordinary client speaks for itself, a control-only one for those to come: the others hear nothing, since
+// nothing changes for them.
 void Server::setUnbundling(Client& asking, bool on) {
     if (!asking.isControlOnly()) {
         asking.unbundles = on;
     } else if (mayControl(asking, "to change the server's unbundling")) {
         unbundles_ = on;
-        tellAll(on ? NwCsNoticeUnbundlingOn : NwCsNoticeUnbundlingOff);
+        tellControlOnly(on ? NwCsNoticeUnbundlingOn : NwCsNoticeUnbundlingOff);
+        log_.event({{"event", "unbundling"}, {"port", port_}, {"on", on}, {"pid", asking.sender().pid}},
+                   fmt::format("port {}: unbundling {} for clients to come, as process {} asked", port_,
+                               on ? "on" : "off", asking.sender().pid));
     }
 }
 
@@ -385,7 +398,8 @@ void Server::sendState(Client& asking) {
     state.clientLimit = settings_.clients;
     state.controlClients = count(true);
     state.controlLimit = settings_.controlClients;
-    state.queueBytes = static_cast<std::uint32_t>(settings_.queueBytes);
+    state.queueBytes = static_cast<std::uint32_t>(NwShmMsgQueueMgr::bytesFor(settings_.queueBytes) -
+                                                  static_cast<long>(sizeof(NwShmMsgQueueHeader)));
     state.groups = static_cast<std::uint32_t>(groups_.count());
     state.upSeconds = static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - since_).count());
@@ -400,6 +414,12 @@ void Server::sendState(Client& asking) {
 
 void Server::sendClientStates(Client& asking) {
     reap();
+    const std::size_t answerBytes =
+        clients_.size() * (sizeof(NwShmRecordHeader) + sizeof(NwCsCStateReturnRecord));
+    if (answerBytes > asking.queueBytes()) {
+        warn(asking, "the states of all clients do not fit this queue: ask from a control-only client");
+        return;
+    }
     std::uint32_t index = 0;
     for (const auto& entry : clients_) {
         NwCsCStateReturnRecord state = entry.second->state();
@@ -412,6 +432,14 @@ void Server::sendClientStates(Client& asking) {
 
 void Server::tellAll(NwCsNoticeCode code) {
     for (const auto& entry : clients_) {
+        NwCsNoticeMsg notice(entry.second->writer(), static_cast<unsigned short>(code));
+        entry.second->tell(notice);
+    }
+}
+
+void Server::tellControlOnly(NwCsNoticeCode code) {
+    for (const auto& entry : clients_) {
+        if (!entry.second->isControlOnly()) continue;
         NwCsNoticeMsg notice(entry.second->writer(), static_cast<unsigned short>(code));
         entry.second->tell(notice);
     }

@@ -80,11 +80,13 @@ private:
     void setFilter(const NwCsFilterMsg& request, const Sender& sender);
     void changeGroups(const NwCsMulticastReqMsg& request, const Sender& sender);
     void control(const NwCsControlReqMsg& request, const Sender& sender);
+    void askToStop(Client& asking);
     void setInternal(Client& asking, bool on);
     void setUnbundling(Client& asking, bool on);
     void sendState(Client& asking);
     void sendClientStates(Client& asking);
     void tellAll(NwCsNoticeCode notice);
+    void tellControlOnly(NwCsNoticeCode notice);
     void pingAll();
 
     void refuseRequest(const Sender& sender, const char* why);

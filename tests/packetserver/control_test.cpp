@@ -189,15 +189,15 @@ TEST_F(PacketServerControl, unbundlingAskedByAControlOnlyClientIsForThoseToCome)
     WatchedSocket before(server.port());
     WatchedSocket control(server.port(), WatchedSocket::control);
     control.setPacketServerUnbundling(0);
-    before.awaitNotice(NwCsNoticeUnbundlingOff);
     control.awaitNotice(NwCsNoticeUnbundlingOff);
+    EXPECT_EQ(before.next().kind, WatchedSocket::Item::nothing);  // nothing has changed for it
     EXPECT_EQ(control.serverState().unbundling, 0);
     WatchedSocket after(server.port());
     after.settle();
     EXPECT_EQ(control.stateOf(before.id()).unbundling, 1);
     EXPECT_EQ(control.stateOf(after.id()).unbundling, 0);
     control.setPacketServerUnbundling(1);
-    after.awaitNotice(NwCsNoticeUnbundlingOn);
+    control.awaitNotice(NwCsNoticeUnbundlingOn);
     EXPECT_EQ(control.serverState().unbundling, 1);
 }
 

@@ -35,6 +35,7 @@
 #include "daemon.h"
 #include "messages.h"
 #include "network.h"
+#include "packets.h"
 
 // Failures by appointment: so many allocations of a client's size fail, and a system that is older than its
 // option to take no descriptors.
@@ -396,6 +397,99 @@ TEST_F(PacketServerTest, groupsOfAClientAreLimitedAndTheirSocketsClosed) {
     request(NwCsMulticastLeave);
     EXPECT_EQ(state(*asking).groups, 0u);
     EXPECT_EQ(openDescriptors(), before);
+}
+
+// --- what is told ----------------------------------------------------------------------------------------
+
+TEST_F(PacketServerTest, warningThatFindsNoRoomIsNoMessageDropped) {
+    start();
+    const auto client = attached();
+    UdpPeer sender;
+    for (int i = 0; i < 400; ++i) {
+        sender.send(pdu(1000, i), port);
+        turn();
+    }
+    server->logStatistics();
+    const auto statistics = logged("client statistics");
+    ASSERT_EQ(statistics.size(), 1u);
+    const std::uint64_t dropped = statistics[0]["dropped"];
+    EXPECT_GT(dropped, 100u);
+    EXPECT_EQ(client->reader->queueMgr().msgsDropped(), dropped);
+}
+
+TEST_F(PacketServerTest, stateTellsTheRealSizeOfQueues) {
+    settings.queueBytes = 300 << 10;
+    start();
+    EXPECT_EQ(state(*attached(kControl)).queueBytes, 512u << 10);
+}
+
+TEST_F(PacketServerTest, statesOfMoreClientsThanAQueueHoldsAreRefused) {
+    settings.queueBytes = 512;
+    start();
+    std::vector<std::unique_ptr<HandClient>> clients;
+    for (int i = 0; i < 4; ++i) clients.push_back(attached());
+    clients[0]->request(NwCsRequestClientStates);
+    turns();
+    ASSERT_EQ(clients[0]->message(), NwCsKindWarning);
+    EXPECT_STREQ(NwCsWarningMsg(nullptr, &clients[0]->bytes).text(),
+                 "the states of all clients do not fit this queue: ask from a control-only client");
+    EXPECT_EQ(clients[0]->message(), -1);
+}
+
+TEST_F(PacketServerTest, nameOfAProgramSteersNoTerminal) {
+    char own[16];
+    ::prctl(PR_GET_NAME, own);
+    ::prctl(PR_SET_NAME, "\033[2Jx\r\xFFy");
+    start();
+    const auto client = attached();
+    ::prctl(PR_SET_NAME, own);
+    ASSERT_EQ(logged("attached").size(), 1u);
+    EXPECT_EQ(logged("attached")[0]["program"], "?[2Jx??y");
+}
+
+TEST_F(PacketServerTest, stopByAClientIsLogged) {
+    start();
+    attached(kControl)->request(NwCsRequestTerminate);
+    turns();
+    EXPECT_TRUE(server->isAskedToStop());
+    ASSERT_EQ(logged("terminate").size(), 1u);
+    EXPECT_EQ(logged("terminate")[0]["pid"], ::getpid());
+}
+
+// --- who may attach --------------------------------------------------------------------------------------
+
+TEST(PacketServerPermissions, groupsOfTheProcessCount) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to become others";
+    const uid_t user = 65533;
+    const gid_t primary = 65532;
+    const gid_t other = 4711;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t process = ::fork();
+    if (process == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const bool isHim =
+            ::syscall(SYS_setgroups, 1, &other) == 0 && ::setgid(primary) == 0 && ::setuid(user) == 0;
+        if (::write(ready[1], isHim ? "y" : "n", 1) == 1) ::pause();
+        ::syscall(SYS_exit_group, 0);
+    }
+    char answer = 0;
+    EXPECT_EQ(::read(ready[0], &answer, 1), 1);
+    if (answer == 'y') {
+        packetserver::Permissions permissions;
+        permissions.groups = {other};
+        EXPECT_TRUE(permissions.mayAttach(user, primary, process));
+        EXPECT_FALSE(permissions.mayAttach(user + 1, primary, process)) << "another user's process by now";
+        EXPECT_FALSE(permissions.mayAttach(user, primary, ::getpid()));
+        EXPECT_FALSE(permissions.mayControl(user));
+        permissions.groups = {primary};
+        EXPECT_TRUE(permissions.mayAttach(user, primary, process));
+    }
+    ::kill(process, SIGKILL);
+    ::waitpid(process, nullptr, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    if (answer != 'y') GTEST_SKIP() << "this root cannot become others";
 }
 
 // --- descriptors that nobody asked for -------------------------------------------------------------------
