@@ -85,6 +85,7 @@ public:
     pid_t pid() const { return myPid; }
     void say(const std::string& text) const { myLine.say(text); }
     std::string hear() const { return myLine.hear(); }
+    bool hear(std::string& text) const { return myLine.hear(text); }
     void signal(int number) const;
     void kill();
     bool hasEnded();
