@@ -12,8 +12,8 @@ import struct
 
 ROOT = pathlib.Path(__file__).resolve().parent
 DATA = ROOT.parent / "tests" / "data" / "dis"
-SPLITTER, FRAMER, TRANSFER, SHMQUEUE = (
-    ROOT / "seeds" / name for name in ("splitter", "framer", "transfer", "shmqueue")
+SPLITTER, FRAMER, TRANSFER, SHMQUEUE, REQUEST = (
+    ROOT / "seeds" / name for name in ("splitter", "framer", "transfer", "shmqueue", "request")
 )
 DERIVED, HEADER, NETWORK, QUIET, UNBUNDLE, OWN, IN_PLACE, COPIED = (1 << i for i in range(8))
 DEFAULT = DERIVED | HEADER | NETWORK | UNBUNDLE
@@ -276,7 +276,49 @@ def shmqueue_seeds():
     seed("attention", change(attention, -1), write(9), take(), publish)
 
 
+def request_seeds():
+    clear(REQUEST)
+    raw, passing, right, packet = b"\0", b"\1", b"\2", b"\3"
+
+    def seed(name, *steps):
+        (REQUEST / name).write_bytes(b"".join(steps))
+
+    def datagram(data):
+        return raw + bytes((len(data),)) + data
+
+    def add(path, flags=7):
+        return struct.pack("<BBHiii", 1, 3, flags, -1, 32, 4711) + path.ljust(160, b"\0")
+
+    def filter(index, operation, value, client=1):
+        return struct.pack("<BBBBII", 2, 3, index, operation, value, client)
+
+    def control(kind, version, code):
+        return struct.pack("<BBHI", kind, version, code, 1)
+
+    def test(data, source=0x7F000001):
+        return packet + bytes((len(data),)) + struct.pack("<I", source) + data
+
+    def group(operation, address):
+        return struct.pack("<BBHII", 3, 3, operation, address, 1)
+
+    borders = (0xDFFFFFFF, 0xE0000000, 0xEFFFFFFF, 0xF0000000)
+    limits = ((4, 0, 0), (3, 2, 0), (0, 0, 2), (0, 1, 2**32 - 1), (2, 1, 256))
+    include = [datagram(filter(i, 0, 0)) + datagram(filter(i, 1, 7)) for i in range(4)]
+    seed("add", datagram(add(b"/tmp/cvcAbCdEf")), datagram(add(b"/", 0x100)))
+    seed("paths", *[datagram(add(p)) for p in (b"", b"tmp", b"/" * 159, b"/" * 160)])
+    seed("filters", *include, test(b"\7\7\7", 7), test(b"\7\7\6", 7), test(b"\7", 7))
+    seed("filter-limits", *[datagram(filter(*limit)) for limit in limits], test(b"\7"))
+    seed("groups", *[datagram(group(operation, address)) for operation in (0, 1, 2) for address in borders])
+    seed("control", *[datagram(control(4, 3, code)) for code in range(12)])
+    seed("versions", *[datagram(control(4, version, 0)) for version in (0, 2, 4, 255)])
+    seed("kinds", *[datagram(control(kind, 3, 0)) for kind in range(14)])
+    seed("lengths", *[datagram(add(b"/tmp/x")[:n]) for n in (0, 1, 2, 8, 12, 175)], datagram(add(b"/tmp/x") + b"x"), datagram(b"\4" * 255))
+    seed("descriptors", *[passing + bytes((n, 8)) + control(4, 3, 4) for n in (1, 2, 12, 13, 31)])
+    seed("right", *[right + bytes((kind,)) for kind in range(4)])
+
+
 splitter_seeds()
 framer_seeds()
 transfer_seeds()
 shmqueue_seeds()
+request_seeds()
