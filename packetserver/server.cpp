@@ -59,7 +59,7 @@ Server::~Server() {
     if (requests_) loop_.remove(requests_->fd());
     linesLeft_ += static_cast<unsigned>(clients_.size());  // nobody can bring about more
     for (const auto& entry : clients_) entry.second->sendAway(NwCsNoticeStopped);
-    while (!clients_.empty()) detach(clients_.begin(), "server stopped");
+    while (!clients_.empty()) detach(clients_.begin(), "let go, the server stops");
 }
 
 // The request path comes last: what clients find there serves them.
