@@ -297,13 +297,16 @@ TEST_F(PacketServerTraffic, noServerNoPlaceAndNoAnswerAreOneLineEach) {
         expectError(cvnetAt(server, {"recv", "--auto"}), 1, "cvnet recv: " + full);
         expectError(cvnetAt(server, send), 1, "cvnet send: " + full);
     }
+    EXPECT_TRUE(eventually([] { return leftovers().empty(); })) << leftovers();
     server.daemon().signal(SIGSTOP);
     CvnetProcess receiver(at(server, {"recv", "--server"}));
     CvnetProcess sender(at(server, send));
     CvnetProcess interrupted(at(server, {"recv", "--server"}));
+    EXPECT_TRUE(eventually([] { return notifyPathsThere() == 3; })) << "they wait for an answer";
+    interrupted.signal(SIGINT);
+    expectError(interrupted.finish(), 1, "cvnet recv: interrupted");
     expectError(receiver.finish(), 1, "cvnet recv: " + cannot + "it does not answer");
     expectError(sender.finish(), 1, "cvnet send: " + cannot + "it does not answer");
-    interrupted.finish();
     server.daemon().signal(SIGCONT);
     server.stop();
     const std::string none = "no packet server serves port " + port + " on this host";
