@@ -18,6 +18,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -30,15 +31,17 @@ public:
 
     explicit FakePacketServer(int version = NwPacketServerVersion) {
         char name[] = "/tmp/cvfakeXXXXXX";
-        myDirectory = ::mkdtemp(name);
+        if (!::mkdtemp(name)) throw std::runtime_error("no directory for a packet server");
+        myDirectory = name;
         NwSetPacketServerDirectory(name);
         NwPacketServerRequestPath(kPort, myPath, version);
         myFd = NwOpenUnixDgram(myPath, NwUnixDgramBind, "test");
+        if (myFd < 0) throw std::runtime_error("no request socket for a packet server");
     }
     ~FakePacketServer() {
-        if (myClientThread.joinable()) myClientThread.join();
+        answered();
         close();
-        if (myNotifyFd >= 0) ::close(myNotifyFd);
+        hangUp();
         ::rmdir(myDirectory.c_str());
         NwSetPacketServerDirectory(nullptr);
     }
@@ -71,9 +74,14 @@ public:
         while (!isEmpty()) next();
     }
 
+    // Makes one of several segments.
+    static void makeSegment(NwShmMsgQueueSegment& made, int slot, unsigned long bytes = 1u << 18) {
+        ASSERT_TRUE(made.create(kPort, slot, NwShmMsgQueueMgr::bytesFor(bytes), ::getuid(), ::getgid()));
+    }
+
     // Makes the queue that good() tells of.
     void makeQueue(unsigned long bytes = 1u << 18) {
-        ASSERT_TRUE(segment.create(kPort, 0, NwShmMsgQueueMgr::bytesFor(bytes), ::getuid(), ::getgid()));
+        makeSegment(segment, 0, bytes);
         writer.reset(new NwShmMsgQueueWriter(segment.queue(), segment.capacity(), segment.semId(), 0));
     }
     // An acknowledgement of that queue.
@@ -97,14 +105,23 @@ public:
             NwCsAddClientRecord add = NwCsAddClientRecord();
             std::memcpy(&add, request.data(), request.size() < sizeof add ? request.size() : sizeof add);
             notifyPath = add.notifyPath;
+            if (answer.empty()) return;
             myNotifyFd = NwOpenUnixDgram(add.notifyPath, NwUnixDgramConnect, "test");
-            if (!answer.empty()) notify(answer);
+            notify(answer);
         });
     }
     void answerAttach(const NwCsAckRecord& ack) {
         answerAttach(std::string(reinterpret_cast<const char*>(&ack), sizeof ack));
     }
-    void answered() { myClientThread.join(); }
+    // Waits until that has been done.
+    void answered() {
+        if (myClientThread.joinable()) myClientThread.join();
+    }
+    // Lets go of the client's notify socket.
+    void hangUp() {
+        if (myNotifyFd >= 0) ::close(myNotifyFd);
+        myNotifyFd = -1;
+    }
 
     // One datagram on the client's notify socket.
     void notify(const std::string& bytes) {
@@ -132,7 +149,7 @@ public:
 
 private:
     std::string myDirectory;
-    char myPath[NwPacketServerPathSize];
+    char myPath[NwPacketServerPathSize] = "";
     int myFd = -1;
     int myNotifyFd = -1;
     std::thread myClientThread;
