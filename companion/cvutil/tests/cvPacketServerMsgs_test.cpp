@@ -381,6 +381,15 @@ TEST(PacketServerPrint, textOfAnotherProcessCannotSteerATerminal) {
     EXPECT_EQ(warned(NwCsWarningMsg(nullptr, 0, 0, "a\x1B[2Jb\r\nc\x7F")), "Packet server: a?[2Jb??c?\n");
 }
 
+TEST(PacketServerPrint, bytesThatAreNoAsciiAreHidden) {
+    std::string text;
+    for (int c = 0x80; c <= 0xFF; ++c) text += static_cast<char>(c);
+    EXPECT_EQ(warned(NwCsWarningMsg(nullptr, 0, 0, text.c_str())),
+              "Packet server: " + std::string(128, '?') + "\n");
+    EXPECT_EQ(warned(NwCsWarningMsg(nullptr, 0, 0, " ~")), "Packet server:  ~\n")
+        << "the ends of what is not";
+}
+
 TEST(PacketServerPrint, aTextLengthBeyondTheRecordEndsWithIt) {
     Bytes bytes(176, 'w');
     const Bytes head = {11, 3, 0, 0, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0};

@@ -3,17 +3,22 @@
 #include <cvutil/cvPacketServer.h>
 
 #include <cvutil/cvOutput.h>
+#include <cvutil/cvPacketServerMsgs.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -265,6 +270,21 @@ TEST(PacketServerDirectories, theOwnOneIsMadePrivateAndOthersAreRefused) {
         errno = 0;
         EXPECT_FALSE(NwPacketServerOwnDirectory(name));
         EXPECT_EQ(errno, EPERM);
+        ::chmod(name, 0700);
+        EXPECT_TRUE(NwPacketServerOwnDirectory(name));
+        // A link to what would do.
+        ::rename(name, "/tmp/elsewhere");
+        EXPECT_EQ(::symlink("/tmp/elsewhere", ownDirectory().c_str()), 0);
+        errno = 0;
+        EXPECT_FALSE(NwPacketServerOwnDirectory(name));
+        EXPECT_EQ(errno, EPERM);
+        ::unlink(ownDirectory().c_str());
+        // Another's.
+        ::rename("/tmp/elsewhere", ownDirectory().c_str());
+        if (::chown(ownDirectory().c_str(), 12345, 12345) != 0) return;  // root alone can
+        errno = 0;
+        EXPECT_FALSE(NwPacketServerOwnDirectory(name));
+        EXPECT_EQ(errno, EPERM);
     });
     if (!isPossible) GTEST_SKIP() << "no mount namespace here";
 }
@@ -344,6 +364,51 @@ TEST_F(UnixDgram, aConnectedOneWaitsForRoomButNotForEver) {
     EXPECT_FALSE(::fcntl(connected, F_GETFL) & O_NONBLOCK);
 }
 
+// What is sent while the receiver has no room is given up after 5 s, also while signals come all the time.
+TEST_F(UnixDgram, aReceiverThatMakesNoRoomHoldsNobodyUpForEver) {
+    const std::string path = placeholder();
+    Fd bound(NwOpenUnixDgram(path.c_str(), 0, "test"));
+    Fd plain(NwOpenUnixDgram(path.c_str(), 1, "test"));
+    Fd disturbed(NwOpenUnixDgram(path.c_str(), 1, "test"));
+    while (::send(plain, "f", 1, MSG_DONTWAIT) == 1) {
+    }
+    struct sigaction action = {};
+    struct sigaction former;
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &action, &former);
+    const auto start = std::chrono::steady_clock::now();
+    const auto since = [start] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
+    double plainTime = 0;
+    double disturbedTime = 0;
+    std::atomic<bool> isBack{false};
+    std::thread plainSender([&] {
+        EXPECT_EQ(::send(plain, "x", 1, 0), -1);
+        EXPECT_EQ(errno, EAGAIN);
+        plainTime = since();
+    });
+    std::thread disturbedSender([&] {
+        EXPECT_EQ(NwCsFilterMsg(disturbed, 1, 1, 7, 8).send(), -1);
+        disturbedTime = since();
+        isBack = true;
+    });
+    const pthread_t target = disturbedSender.native_handle();
+    while (!isBack && since() < 30) {
+        ::pthread_kill(target, SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    plainSender.join();
+    char byte;
+    while (!isBack) ::recv(bound, &byte, 1, MSG_DONTWAIT);  // it would not end by itself
+    disturbedSender.join();
+    ::sigaction(SIGUSR1, &former, nullptr);
+    EXPECT_GE(plainTime, 4.9);
+    EXPECT_LE(plainTime, 25);
+    EXPECT_GE(disturbedTime, 4.9);
+    EXPECT_LE(disturbedTime, 25);
+}
+
 TEST_F(UnixDgram, failuresSayWhatAndWhy) {
     struct Case {
         std::string path;
@@ -399,6 +464,28 @@ TEST_F(UnixDgram, theLongestPathThatAnAddressHolds) {
     ASSERT_GE(bound, 0);
     Fd connected(NwOpenUnixDgram(path.c_str(), 1, "test"));
     EXPECT_EQ(sendAndTake(connected, bound), "hello");
+}
+
+// The name beside it, under which a socket is born, has 9 bytes.
+TEST_F(UnixDgram, aShortNameCountsAsNineBytesInBinding) {
+    const std::size_t longest = 107;
+    for (const std::size_t room : {9u, 8u}) {  // what an address leaves for the last component
+        const std::string below =
+            directory / std::string(longest - room - 1 - std::strlen(directory.path()) - 1, 'd');
+        ASSERT_EQ(::mkdir(below.c_str(), 0700), 0);
+        for (const std::size_t length : {std::size_t(1), std::size_t(8), room}) {
+            const std::string path = below + "/" + std::string(length, 'n');
+            ASSERT_LE(path.size(), longest);
+            errno = 0;
+            Fd bound(NwOpenUnixDgram(path.c_str(), 0, nullptr));
+            EXPECT_EQ(bound >= 0, room >= 9) << path;
+            if (bound < 0) {
+                EXPECT_EQ(errno, ENAMETOOLONG);
+            }
+            ::unlink(path.c_str());
+        }
+        EXPECT_EQ(::rmdir(below.c_str()), 0) << "nothing is left";
+    }
 }
 
 // The promise of mkstemp's placeholder: nobody finds the name free.

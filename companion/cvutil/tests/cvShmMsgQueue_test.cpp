@@ -44,11 +44,33 @@ std::atomic<bool> theSleepsAreEndless{false};
 std::function<void()> theInterlude;
 std::atomic<bool> theInterludeIsDue{false};
 
+// While set, no set may be looked at or slept on: the system says EACCES.
+std::atomic<bool> theSetsAreForbidden{false};
+
+// How many seconds ago sets were changed last, beyond the truth.
+std::atomic<int> theAgeOfSets{0};
+
+// The attempt to make a set or a segment, counted from now, that fails with ENOSPC; 0: none.
+std::atomic<int> theSetWithoutRoom{0};
+std::atomic<int> theSegmentWithoutRoom{0};
+
+bool isOutOfRoom(int flags, std::atomic<int>& attempt) {
+    if (!(flags & IPC_CREAT) || attempt == 0 || --attempt != 0) return false;
+    errno = ENOSPC;
+    return true;
+}
+
+bool isForbidden() {
+    if (theSetsAreForbidden) errno = EACCES;
+    return theSetsAreForbidden;
+}
+
 }  // namespace
 
 // In place of the system library's, for everything in this program.
 extern "C" __attribute__((visibility("default"))) int semtimedop(int set, sembuf* operations, size_t count,
                                                                  const timespec* limit) noexcept {
+    if (isForbidden()) return -1;
     return static_cast<int>(
         ::syscall(SYS_semtimedop, set, operations, count, theSleepsAreEndless ? nullptr : limit));
 }
@@ -59,7 +81,20 @@ extern "C" __attribute__((visibility("default"))) int semctl(int set, int number
     void* const argument = va_arg(arguments, void*);  // where there is none, the system does not look at it
     va_end(arguments);
     if (theInterludeIsDue.exchange(false)) theInterlude();
-    return static_cast<int>(::syscall(SYS_semctl, set, number, command, argument));
+    if (isForbidden()) return -1;
+    const int result = static_cast<int>(::syscall(SYS_semctl, set, number, command, argument));
+    if (command == IPC_STAT && result == 0) static_cast<semid_ds*>(argument)->sem_ctime -= theAgeOfSets;
+    return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int semget(key_t key, int count, int flags) noexcept {
+    if (isOutOfRoom(flags, theSetWithoutRoom)) return -1;
+    return static_cast<int>(::syscall(SYS_semget, key, count, flags));
+}
+
+extern "C" __attribute__((visibility("default"))) int shmget(key_t key, size_t size, int flags) noexcept {
+    if (isOutOfRoom(flags, theSegmentWithoutRoom)) return -1;
+    return static_cast<int>(::syscall(SYS_shmget, key, size, flags));
 }
 
 namespace {
@@ -955,6 +990,82 @@ TEST_F(ShmSegment, whatAnotherUserLeftStays) {
     ::shmctl(::shmget(NwShmMsgQueueSegment::shmKeyOf(port, 2), 0, 0), IPC_RMID, nullptr);
 }
 
+// A key may be anybody's: what cannot be a dead server's is left alone.
+TEST_F(ShmSegment, aSegmentThatHoldsNoQueueIsRefusedAndStays) {
+    for (const std::size_t size : {std::size_t(100), std::size_t(8192)}) {
+        const int id = ::shmget(NwShmMsgQueueSegment::shmKeyOf(port, 0), size, IPC_CREAT | IPC_EXCL | 0600);
+        char* const place = static_cast<char*>(::shmat(id, nullptr, 0));
+        ASSERT_NE(place, reinterpret_cast<char*>(-1));
+        std::memset(place, 'x', size);
+        ::shmdt(place);
+        NwShmMsgQueueSegment segment;
+        errno = 0;
+        EXPECT_FALSE(make(segment));
+        EXPECT_EQ(errno, EEXIST);
+        EXPECT_FALSE(setExists(0)) << "nothing remains of the attempt";
+        EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 0);
+        shmid_ds status;
+        EXPECT_EQ(::shmctl(id, IPC_STAT, &status), 0);
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
+}
+
+TEST_F(ShmSegment, aSetThatIsBeingMadeIsRefusedUntilItIsOld) {
+    const int id = ::semget(NwShmMsgQueueSegment::semKeyOf(port, 0), 2, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(id, 0);
+    NwShmMsgQueueSegment segment;
+    errno = 0;
+    EXPECT_FALSE(make(segment));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 0);
+    EXPECT_EQ(::semctl(id, 0, GETVAL), 0) << "it is there";
+    theAgeOfSets = 60;
+    EXPECT_TRUE(make(segment)) << "whoever was making it was killed";
+    theAgeOfSets = 0;
+    EXPECT_NE(segment.semId(), id);
+    EXPECT_EQ(::semctl(id, 0, GETVAL), -1);
+}
+
+TEST_F(ShmSegment, aSetOfAnotherSizeIsRefusedAndStays) {
+    theAgeOfSets = 60;
+    const int id = ::semget(NwShmMsgQueueSegment::semKeyOf(port, 0), 4, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(id, 0);
+    NwShmMsgQueueSegment segment;
+    errno = 0;
+    EXPECT_FALSE(make(segment));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 0);
+    EXPECT_EQ(::semctl(id, 3, GETVAL), 0) << "it is there";
+    ::semctl(id, 0, IPC_RMID);
+    theAgeOfSets = 0;
+}
+
+TEST_F(ShmSegment, whatFailsInALeftoversPlaceIsTold) {
+    const auto leave = [this] {
+        Server server;
+        start(server, false, false);
+        server.kill();
+    };
+    NwShmMsgQueueSegment segment;
+    leave();
+    theSetWithoutRoom = 2;  // the first attempt finds the leftover
+    errno = 0;
+    EXPECT_FALSE(make(segment));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(setExists(0));
+    theSetWithoutRoom = 0;
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 1) << "the segment";
+    leave();
+    theSegmentWithoutRoom = 2;
+    errno = 0;
+    EXPECT_FALSE(make(segment));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(segmentExists(0));
+    EXPECT_FALSE(setExists(0));
+    theSegmentWithoutRoom = 0;
+    EXPECT_TRUE(make(segment));
+}
+
 // --- waiting ---
 
 class ShmQueueWait : public ShmSegment {
@@ -1087,6 +1198,28 @@ TEST_F(ShmQueueWait, aSemaphoreThatCannotCountHigherHoldsNoWriterUp) {
     segment.remove();
 }
 
+// Neither dead nor alive is what cannot be asked; and where there is no sleep, a reader looks again and
+// again.
+TEST_F(ShmQueueWait, aReaderThatMayNotUseTheSetGetsItsMessagesAllTheSame) {
+    NwShmMsgQueueWriter writer(segment.queue(), segment.capacity(), segment.semId(), 0);
+    theSetsAreForbidden = true;
+    auto reader = newReader();
+    reader->setSegmentId(segment.shmId());
+    Read read;
+    std::thread sleeper([&] { read = readFrom(*reader); });
+    waitUntilAsleep();
+    EXPECT_TRUE(writer.write("x", 1));
+    sleeper.join();
+    EXPECT_EQ(read.bytes, "x");
+    EXPECT_TRUE(reader->isServerAlive());
+    reader->queueMgr().setBlockingRead(false);
+    EXPECT_EQ(readFrom(*reader).result, NwShmReadNothing);
+    reader.reset();
+    theSetsAreForbidden = false;
+    EXPECT_TRUE(setExists(0));
+    EXPECT_TRUE(segmentExists(0));
+}
+
 // --- death of the server ---
 
 class ShmQueueDeath : public ShmSegment {
@@ -1192,6 +1325,65 @@ TEST_F(ShmQueueDeath, theEndOfALivingServersReaderRemovesNothing) {
     EXPECT_TRUE(setExists(0));
     EXPECT_TRUE(segmentExists(0));
     server.kill();
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 2);
+}
+
+// What a server sends may name any set: one that cannot be its own says nothing and is left alone, and so is
+// the segment.
+TEST_F(ShmQueueDeath, aSetOfAnotherSizeIsNoSignOfDeath) {
+    const int foreign = ::semget(IPC_PRIVATE, 3, 0600);
+    ASSERT_GE(foreign, 0);
+    Server server;
+    start(server, false, false);
+    server.kill();
+    {
+        NwShmMsgQueueReader reader(server.queue(), kCapacity, foreign, 0, true, false, true);
+        reader.setSegmentId(server.shm);
+        EXPECT_TRUE(reader.isServerAlive());
+        EXPECT_EQ(readFrom(reader).result, NwShmReadNothing);
+    }
+    EXPECT_EQ(::semctl(foreign, 2, GETVAL), 0) << "it is there";
+    EXPECT_TRUE(segmentExists(0));
+    ::semctl(foreign, 0, IPC_RMID);
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 2);
+}
+
+TEST_F(ShmQueueDeath, aSetOfAnotherMakerThanTheSegmentsIsLeftAlone) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    const int key = NwShmMsgQueueSegment::semKeyOf(port, 7);
+    const ChildResult result = runInChild([key] {
+        if (::setuid(12345) != 0) ::_exit(9);
+        ::_exit(::semget(key, 2, IPC_CREAT | IPC_EXCL | 0666) >= 0 ? 0 : 1);
+    });
+    if (result.exitedWith(9)) GTEST_SKIP() << "cannot become another user here";
+    ASSERT_TRUE(result.exitedWith(0)) << result.status;
+    const int foreign = ::semget(key, 0, 0);
+    Server server;
+    start(server, false, false);
+    server.kill();
+    {
+        NwShmMsgQueueReader reader(server.queue(), kCapacity, foreign, 0, true, false, true);
+        reader.setSegmentId(server.shm);
+        EXPECT_EQ(readFrom(reader).result, NwShmReadDismissed);
+    }
+    EXPECT_EQ(::semctl(foreign, 1, GETVAL), 0) << "it is there";
+    EXPECT_TRUE(segmentExists(0));
+    ::semctl(foreign, 0, IPC_RMID);
+    EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 2);
+}
+
+TEST_F(ShmQueueDeath, withoutASoundQueueNothingIsClearedAway) {
+    Server server;
+    start(server, false, false);
+    server.kill();
+    const auto readerOfAShorterQueue = [&] {
+        NwShmMsgQueueReader reader(server.queue(), kCapacity - 128, server.sem, 0, true, false, true);
+        reader.setSegmentId(server.shm);
+        EXPECT_EQ(readFrom(reader).result, NwShmReadDismissed);
+    };
+    readerOfAShorterQueue();
+    EXPECT_TRUE(setExists(0));
+    EXPECT_TRUE(segmentExists(0));
     EXPECT_EQ(NwShmMsgQueueSegment::removeLeftovers(port, 1), 2);
 }
 
