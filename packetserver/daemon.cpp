@@ -80,21 +80,25 @@ public:
         if (!prepare() || !startServers()) return 1;
         notifyServiceManager("READY=1");
         Clock::time_point nextTick = Clock::now() + tickLength;
-        while (!isStopping_ && !servers_.empty()) {
-            try {
-                takeTurn(nextTick);
-            } catch (const std::bad_alloc&) {  // costs a request, not the server
-                log_.outOfMemory();
-            }
-        }
+        while (!isStopping_ && !servers_.empty()) attempt([&] { takeTurn(nextTick); });
         notifyServiceManager("STOPPING=1");
-        logStatistics();
+        attempt([this] { logStatistics(); });
         servers_.clear();
-        log_.event({{"event", "stopped"}}, "stopped");
+        attempt([this] { log_.event({{"event", "stopped"}}, "stopped"); });
         return 0;
     }
 
 private:
+    /// Work that finds no memory stays half done: it costs a request or a line, not the server nor its end.
+    template <class Work>
+    void attempt(Work work) {
+        try {
+            work();
+        } catch (const std::bad_alloc&) {
+            log_.outOfMemory();
+        }
+    }
+
     bool fail(const std::string& problem) {
         log_.event({{"event", "error"}, {"problem", problem}}, problem);
         return false;

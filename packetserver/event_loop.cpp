@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace packetserver {
@@ -15,12 +16,19 @@ EventLoop::~EventLoop() {
 }
 
 bool EventLoop::add(int fd, Handler handler) {
+    // The entry first, since it may find no memory: nobody would take what a descriptor without one has.
+    if (!entries_.try_emplace(fd, Entry{++generation_, std::move(handler)}).second) {
+        errno = EEXIST;
+        return false;
+    }
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.u64 = std::uint64_t(++generation_) << 32 | static_cast<std::uint32_t>(fd);
-    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) return false;
-    entries_[fd] = Entry{generation_, std::move(handler)};
-    return true;
+    event.data.u64 = std::uint64_t(generation_) << 32 | static_cast<std::uint32_t>(fd);
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) == 0) return true;
+    const int error = errno;
+    entries_.erase(fd);
+    errno = error;
+    return false;
 }
 
 void EventLoop::remove(int fd) {

@@ -22,10 +22,12 @@ bool Groups::wish(NwIpv4Addr group) {
         ++found->second.wishes;
         return true;
     }
-    Membership& membership = joined_[group];
-    membership = Membership{join(group), 1};
-    if (membership.socketFd >= 0) return true;
-    joined_.erase(group);
+    // What may find no memory comes first: a group that was joined has its place in both.
+    sockets_.reserve(sockets_.size() + 1);
+    const auto added = joined_.emplace(group, Membership{-1, 1}).first;
+    added->second.socketFd = join(group);
+    if (added->second.socketFd >= 0) return true;
+    joined_.erase(added);
     return false;
 }
 
@@ -42,7 +44,8 @@ void Groups::unwish(NwIpv4Addr group) {
     sockets_.erase(socket);
 }
 
-// The socket that has joined, or -1 with errno: the newest one first, since older ones are full more often.
+// The socket that has joined, or -1 with errno; sockets_ has room for one more. The newest one first, since
+// older ones are full more often.
 int Groups::join(NwIpv4Addr group) {
     for (auto socket = sockets_.rbegin(); socket != sockets_.rend(); ++socket) {
         if (change(socket->fd, IP_ADD_MEMBERSHIP, group)) {

@@ -51,6 +51,7 @@ RequestSocket::RequestSocket(const std::string& directory, int port) {
         return;
     }
     path_ = path;
+    lockPath_ = path_ + lockSuffix;
     if (lockFile()) lockPort(port);
 }
 
@@ -61,7 +62,7 @@ RequestSocket::~RequestSocket() {
     }
     if (portLockFd_ >= 0) ::close(portLockFd_);
     if (fileLockFd_ < 0) return;
-    ::unlink((path_ + lockSuffix).c_str());
+    ::unlink(lockPath_.c_str());
     ::close(fileLockFd_);
 }
 
@@ -72,20 +73,19 @@ bool RequestSocket::fail(const std::string& what) {
 
 // A lock on a file that its last owner has just removed excludes nobody: then once more.
 bool RequestSocket::lockFile() {
-    const std::string lockPath = path_ + lockSuffix;
     for (;;) {
-        fileLockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fileLockFd_ < 0) return fail("cannot open " + lockPath);
+        fileLockFd_ = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fileLockFd_ < 0) return fail("cannot open " + lockPath_);
         if (::flock(fileLockFd_, LOCK_EX | LOCK_NB) != 0) break;
         struct stat locked {};
         struct stat named {};
-        if (::fstat(fileLockFd_, &locked) == 0 && ::lstat(lockPath.c_str(), &named) == 0 &&
+        if (::fstat(fileLockFd_, &locked) == 0 && ::lstat(lockPath_.c_str(), &named) == 0 &&
             locked.st_ino == named.st_ino && locked.st_dev == named.st_dev)
             return true;
         ::close(fileLockFd_);
     }
     const bool isServed = errno == EWOULDBLOCK;
-    if (!isServed) fail("cannot lock " + lockPath);
+    if (!isServed) fail("cannot lock " + lockPath_);
     if (isServed) problem_ = "another packet server serves this port: " + path_;
     ::close(fileLockFd_);
     fileLockFd_ = -1;

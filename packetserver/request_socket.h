@@ -50,6 +50,7 @@ private:
     bool fail(const std::string& what);
 
     std::string path_;
+    std::string lockPath_;  // kept for the end, which must not need memory
     std::string problem_;
     int fileLockFd_ = -1;
     int portLockFd_ = -1;

@@ -10,6 +10,8 @@
 #include <bitset>
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <set>
 #include <utility>
 
 #include <fmt/format.h>
@@ -317,9 +319,12 @@ void Server::changeGroups(const NwCsMulticastReqMsg& request, const Sender& send
     } else if (client->groups.size() >= mostGroupsOfClient) {
         warn(*client,
              fmt::format("cannot join {}: more than {} groups", NwInetAddrString(group), mostGroupsOfClient));
-    } else if (client->groups.insert(group).second && !groups_.wish(group)) {
-        warn(*client, fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno)));
-        client->groups.erase(group);
+    } else if (client->groups.count(group) == 0) {
+        std::set<NwIpv4Addr> wished{group};  // has its memory before the wish counts
+        if (groups_.wish(group))
+            client->groups.merge(wished);
+        else
+            warn(*client, fmt::format("cannot join {}: {}", NwInetAddrString(group), std::strerror(errno)));
     }
 }
 
@@ -462,11 +467,7 @@ void Server::warn(Client& client, const std::string& text) {
 
 void Server::detach(Clients::iterator client, const char* how) {
     const Client& leaving = *client->second;
-    const Client::Counts& counts = leaving.counts();
-    if (mayTell())
-        logClient("detached", leaving,
-                  fmt::format("client {} {}: {} delivered, {} filtered, {} dropped", leaving.id(), how,
-                              counts.delivered, counts.filtered, counts.dropped));
+    if (mayTell()) logDetached(leaving, how);
     for (const NwIpv4Addr group : leaving.groups) groups_.unwish(group);
     if (leaving.pidFd() >= 0) loop_.remove(leaving.pidFd());
     if (leaving.isDead()) client->second->notify().removePath();  // it was left behind
@@ -514,6 +515,18 @@ void Server::logClient(const char* event, const Client& client, const std::strin
                 {"queueBytes", client.queueBytes()},
                 {"queueHighWater", client.queueHighWater()}},
                fmt::format("port {}: {}", port_, words));
+}
+
+// Costs the line alone when there is no memory for it: the client is let go, and a stop goes on.
+void Server::logDetached(const Client& client, const char* how) {
+    const Client::Counts& counts = client.counts();
+    try {
+        logClient("detached", client,
+                  fmt::format("client {} {}: {} delivered, {} filtered, {} dropped", client.id(), how,
+                              counts.delivered, counts.filtered, counts.dropped));
+    } catch (const std::bad_alloc&) {
+        log_.outOfMemory();
+    }
 }
 
 void Server::logStatistics() {

@@ -96,6 +96,7 @@ private:
     void detach(Clients::iterator client, const char* how);
     void reap();
     void logClient(const char* event, const Client& client, const std::string& words);
+    void logDetached(const Client& client, const char* how);
     std::uint64_t kernelDropped() const;
     unsigned count(bool controlOnly) const;
 

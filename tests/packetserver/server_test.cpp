@@ -37,9 +37,10 @@
 #include "network.h"
 #include "packets.h"
 
-// Failures by appointment: so many allocations of a client's size fail, and a system that is older than its
-// option to take no descriptors.
+// Failures by appointment: so many allocations of a client's size fail; or all of them once so many have
+// succeeded (-1: none); and a system that is older than its option to take no descriptors.
 static std::atomic<int> clientsWithoutMemory{0};
+static std::atomic<int> allocationsLeft{-1};
 static std::atomic<bool> theSystemRefusesDescriptors{true};
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
@@ -47,6 +48,8 @@ static std::atomic<bool> theSystemRefusesDescriptors{true};
         --clientsWithoutMemory;
         throw std::bad_alloc();
     }
+    if (allocationsLeft == 0) throw std::bad_alloc();
+    if (allocationsLeft > 0) --allocationsLeft;
     if (void* const memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
 }
@@ -79,6 +82,20 @@ const unsigned short kControl = NwCsClientControlOnly;
 bool isThere(const std::string& path) {
     struct stat status;
     return ::lstat(path.c_str(), &status) == 0;
+}
+
+// Whether `work` found no memory when its allocations but the first so many fail.
+template <class Work>
+bool failsAfter(int allocations, Work work) {
+    bool fails = false;
+    allocationsLeft = allocations;
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        fails = true;
+    }
+    allocationsLeft = -1;
+    return fails;
 }
 
 std::size_t openDescriptors() {
@@ -227,6 +244,20 @@ protected:
             if (kind == NwCsKindStateReturn) std::memcpy(&record, &asking.bytes, sizeof record);
         asking.bytes = acknowledgement;
         return record;
+    }
+    packetserver::Options daemonOptions() const {
+        packetserver::Options options;
+        options.ports = {port};
+        options.server = settings;
+        options.isJson = true;
+        options.logFile = logPath;
+        return options;
+    }
+    static void expectOrderlyStop(pid_t daemon) {
+        ::kill(daemon, SIGTERM);
+        int status = -1;
+        EXPECT_EQ(::waitpid(daemon, &status, 0), daemon);
+        EXPECT_EQ(status, 0);
     }
     // The lines of the log about one kind of event.
     std::vector<nlohmann::json> logged(const std::string& event) const {
@@ -664,18 +695,78 @@ TEST(PacketServerLog, pipeThatNobodyReadsLosesLinesAndTellsHowMany) {
 
 // --- memory ----------------------------------------------------------------------------------------------
 
-TEST_F(PacketServerTest, attachThatFindsNoMemoryCostsNobodyElse) {
-    packetserver::Options options;
-    options.ports = {port};
-    options.server = settings;
-    options.isJson = true;
-    options.logFile = logPath;
-    const pid_t daemon = ::fork();
-    if (daemon == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        clientsWithoutMemory = 1;
-        ::syscall(SYS_exit_group, packetserver::runDaemon(options));
+// Wherever the memory ends: the wish does not count, and what another client wishes for stays.
+TEST_F(PacketServerTest, groupThatFindsNoMemoryIsNotWishedFor) {
+    REQUIRE_PRIVATE_NETWORK();
+    settings.interface = kLoopback;
+    const NwIpv4Addr group = 0xEF010203u;
+    for (const bool isWishedByAnother : {false, true}) {
+        start();
+        const auto other = attached();
+        const auto asking = attached(kControl);
+        if (isWishedByAnother) other->group(NwCsMulticastJoin, group);
+        const unsigned groupsBefore = state(*asking).groups;
+        EXPECT_EQ(groupsBefore, isWishedByAnother ? 1u : 0u);
+        const std::size_t before = openDescriptors();
+        int failures = 0;
+        for (bool fails = true; fails;) {
+            const auto client = attached();
+            client->group(NwCsMulticastJoin, group);
+            fails = failsAfter(failures, [this] { turn(); });
+            if (fails) ++failures;
+            EXPECT_EQ(state(*asking).groups, fails ? groupsBefore : 1u) << failures;
+            client->request(NwCsRequestDisconnect);
+            turns();
+            EXPECT_EQ(state(*asking).groups, groupsBefore) << failures;
+        }
+        EXPECT_GT(failures, 0);
+        EXPECT_EQ(openDescriptors(), before);
+        EXPECT_EQ(groupsJoinedOn("lo").size(), groupsBefore);
+        server.reset();
     }
+}
+
+TEST(PacketServerLoop, descriptorWhoseHandlerFindsNoMemoryIsNotWaitedFor) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    EXPECT_EQ(::write(ends[1], "1", 1), 1);
+    EventLoop loop;
+    int calls = 0;
+    const EventLoop::Handler handler = [&] { ++calls; };
+    int failures = 0;
+    while (failsAfter(failures, [&] { EXPECT_TRUE(loop.add(ends[0], handler)) << failures; })) ++failures;
+    EXPECT_GT(failures, 0);
+    loop.runOnce(std::chrono::milliseconds(0));
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(loop.add(ends[0], handler));
+    EXPECT_EQ(errno, EEXIST);
+    loop.runOnce(std::chrono::milliseconds(0));
+    EXPECT_EQ(calls, 2) << "the first one stays";
+    for (const int end : ends) ::close(end);
+}
+
+TEST_F(PacketServerTest, stopWithoutMemoryTellsTheClientsAndLeavesNothing) {
+    start();
+    const auto client = attached();
+    ASSERT_FALSE(failsAfter(0, [this] { server.reset(); }));
+    ASSERT_EQ(client->message(), NwCsKindNotice);
+    EXPECT_EQ(NwCsNoticeMsg(nullptr, &client->bytes).notice(), NwCsNoticeStopped);
+    EXPECT_EQ(logged("out of memory").size(), 1u);  // instead of the line about the client
+    EXPECT_FALSE(isThere(requestPath()));
+}
+
+// The whole program in a process of its own.
+pid_t forkDaemon(const packetserver::Options& options, void (*atFirst)()) {
+    const pid_t daemon = ::fork();
+    if (daemon != 0) return daemon;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    atFirst();
+    ::syscall(SYS_exit_group, packetserver::runDaemon(options));
+    return -1;
+}
+
+TEST_F(PacketServerTest, attachThatFindsNoMemoryCostsNobodyElse) {
+    const pid_t daemon = forkDaemon(daemonOptions(), [] { clientsWithoutMemory = 1; });
     ASSERT_TRUE(eventually([this] { return logged("serving").size() == 1; }));
     {
         const auto first = newClient();
@@ -686,10 +777,23 @@ TEST_F(PacketServerTest, attachThatFindsNoMemoryCostsNobodyElse) {
         EXPECT_TRUE(waitReadable(second->notifyFd));
         EXPECT_EQ(second->answer(), NwCsKindAck);
     }
-    ::kill(daemon, SIGTERM);
-    int status = -1;
-    EXPECT_EQ(::waitpid(daemon, &status, 0), daemon);
-    EXPECT_EQ(status, 0);
+    expectOrderlyStop(daemon);
+}
+
+TEST_F(PacketServerTest, daemonThatHasNoMemoryLeftStopsInOrder) {
+    const pid_t daemon =
+        forkDaemon(daemonOptions(), [] { ::signal(SIGUSR1, [](int) { allocationsLeft = 0; }); });
+    ASSERT_TRUE(eventually([this] { return logged("serving").size() == 1; }));
+    HandClient client(requestPath());
+    client.ask();
+    ASSERT_TRUE(waitReadable(client.notifyFd));
+    ASSERT_EQ(client.answer(), NwCsKindAck);
+    client.attachQueue();
+    ::kill(daemon, SIGUSR1);
+    expectOrderlyStop(daemon);
+    ASSERT_EQ(client.message(), NwCsKindNotice);
+    EXPECT_EQ(NwCsNoticeMsg(nullptr, &client.bytes).notice(), NwCsNoticeStopped);
+    EXPECT_EQ(logged("out of memory").size(), 3u);  // statistics, the client, the last line
 }
 
 }  // namespace
