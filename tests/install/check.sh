@@ -161,6 +161,9 @@ service_is_sound() {  # UNIT PROGRAM
     command -v systemd-analyze >/dev/null || skip "systemd-analyze is not installed"
     scratch "service.$1"
     grep -q "^ExecStart=$program " "$unit" || fail "the unit starts something else"
+    # systemd's default gives up for good after five starts within ten seconds.
+    grep -qx 'StartLimitIntervalSec=0' "$unit" || [ "$(sed -n 's/^RestartSec=//p' "$unit")" -gt 2 ] ||
+        fail "a port that is taken for a few seconds ends it for good"
     sed "s|^ExecStart=$program |ExecStart=$moved/bin/$program |" "$unit" >"$work/$1@.service"
     cp "$work/$1@.service" "$work/$1@3000.service"
     MANPATH=$moved/share/man systemd-analyze verify "$work/$1@3000.service" >"$work/said" 2>&1 || fail "$(cat "$work/said")"
