@@ -789,6 +789,7 @@ TEST_F(PacketServerTest, daemonThatHasNoMemoryLeftStopsInOrder) {
     ASSERT_TRUE(waitReadable(client.notifyFd));
     ASSERT_EQ(client.answer(), NwCsKindAck);
     client.attachQueue();
+    ASSERT_TRUE(eventually([this] { return logged("attached").size() == 1; }));
     ::kill(daemon, SIGUSR1);
     expectOrderlyStop(daemon);
     ASSERT_EQ(client.message(), NwCsKindNotice);
