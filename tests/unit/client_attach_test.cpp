@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The packet-server client attaches: what it asks, what it does with each answer, and how an attach fails.
 #include <cvNetworkCompatibility/cvAsyncSocket.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>

@@ -6,7 +6,6 @@
 
 #include <cvNetworkCompatibility/cvClientSocket.h>
 #include <cvNetworkCompatibility/cvNetSocket.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 
@@ -20,6 +19,7 @@
 
 #include "fake_packet_server.h"
 #include "messages.h"
+#include "process.h"
 
 const char kNotOk[] = "ClientSock not ok\n";
 
@@ -148,12 +148,6 @@ inline bool exists(const std::string& path) {
 inline bool isReadable(int fd) {
     pollfd readable = {fd, POLLIN, 0};
     return ::poll(&readable, 1, 0) == 1;
-}
-
-inline int openDescriptors() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) count += ::fcntl(fd, F_GETFD) != -1;
-    return count;
 }
 
 inline int attachments(int shmId) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // What a client of the packet server receives, how it waits, and how its server ends the attachment.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // What a client of the packet server sends and asks for, its filter tests, and what is left of it when it is
 // not attached any more.
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 

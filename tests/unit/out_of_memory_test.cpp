@@ -12,25 +12,26 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <iterator>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "async_peek.h"
+#include "client_fixture.h"
 #include "file_transfer.h"
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
+#include "process.h"
 #include "sends.h"
 #include "tcp_connections.h"
 #include "tcp_peer.h"
 
 namespace {
 
-int allocationsLeft = -1;                         // before one fails; negative: none does
+thread_local int allocationsLeft = -1;            // of this thread before one fails; negative: none does
 std::size_t largestAllocation = std::size_t(-1);  // anything larger fails
 
 bool isTheOneToFail() {
@@ -44,11 +45,6 @@ void* allocate(std::size_t size) {
 void* allocateOrThrow(std::size_t size) {
     if (void* memory = allocate(size)) return memory;
     throw std::bad_alloc();
-}
-
-std::ptrdiff_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
 }
 
 }  // namespace
@@ -114,7 +110,7 @@ protected:
 };
 
 TEST_F(OutOfMemory, openingASocketFailsWithoutExceptionOrOpenDescriptor) {
-    const std::ptrdiff_t before = openDescriptors();
+    const int before = openDescriptors();
     bool isOk = false;
     const int allocations = withEachAllocationFailing([&] {
         NwNetSocket socket(port, kGroup, static_cast<unsigned char>(11), kLoopback);
@@ -350,7 +346,7 @@ TEST_F(TcpOutOfMemory, nothingFollowsAPieceCutBehindAStuckTestThatCannotGoFirst)
 TEST_F(OutOfMemory, tcpSocketWithoutBufferIsNotOk) {
     TcpListener listener;
     const int tcpPort = listener.port();
-    const std::ptrdiff_t before = openDescriptors();
+    const int before = openDescriptors();
     for (bool isClient : {true, false}) {
         bool isOk = false;
         EXPECT_GE(withEachAllocationFailing([&] {
@@ -437,7 +433,7 @@ TEST_F(OutOfMemory, tcpConnectionThatMemoryCannotHoldIsClosed) {
     Messages messages;
     int added = 0;
     manager.addSocketAdditionCallback(count, &added);
-    const std::ptrdiff_t before = openDescriptors();
+    const int before = openDescriptors();
     const std::string complaint = "NwTcpSocketMgr: no memory for a connection\n";
     const std::string expected[] = {complaint, "", complaint, ""};  // the socket, its buffer, its place
     for (int allocation = 0; allocation < 4; ++allocation) {
@@ -497,7 +493,7 @@ TEST_F(OutOfMemory, aFileIsSentWholeOrNotAtAll) {
     const NwFilename file(dir.write("file", std::string(100, 'x')));
     TcpListener listener;
     NwFileTransporter sender(-1, false, 0, dir.path(), nullptr);
-    const std::ptrdiff_t before = openDescriptors();
+    const int before = openDescriptors();
     int n = 0, sent = 0;
     for (bool isOver = false; !isOver; ++n) {
         bool result = false;
@@ -595,6 +591,77 @@ TEST_F(OutOfMemory, aFileThatMemoryCannotHoldIsNotSent) {
     largestAllocation = std::size_t(-1);
     EXPECT_EQ(warnings.take(), std::vector<std::string>{text + path + "\n"});
     EXPECT_FALSE(waitReadable(listener.fd(), 0)) << "nobody was connected to";
+}
+
+// A client of the packet server that is made while the n-th allocation from now on fails.
+class ClientOutOfMemory : public ClientSocketTest {
+protected:
+    // Returns whether it was not reached: all succeeded.
+    bool attachWithout(int n) {
+        // The buffer for packets comes before the server is asked.
+        if (n > 0) server->answerAttach(server->good());
+        allocationsLeft = n;
+        EXPECT_NO_THROW(client.emplace(FakePacketServer::kPort, kLoopback, -1, NwClientSocket::defaultFlags));
+        const bool allSucceeded = allocationsLeft >= 0;
+        allocationsLeft = -1;
+        server->answered();
+        server->drain();
+        server->hangUp();
+        return allSucceeded;
+    }
+
+    std::optional<Client> client;
+    char packet[64] = {};
+};
+
+TEST_F(ClientOutOfMemory, withoutItsBufferOrItsReaderTheAttachSaysSoAndFails) {
+    const std::string texts[] = {"NwClientSocket: no memory for packets of 15000 bytes\n",
+                                 "NwClientSocket: no memory for the queue's reader\n"};
+    const int before = openDescriptors();
+    for (int n = 0; n < 2; ++n) {
+        SCOPED_TRACE(n);
+        Messages messages;
+        attachWithout(n);
+        EXPECT_EQ(warned(texts[n]), printed(messages));
+        EXPECT_EQ(kNotOk, fatal.take());
+        EXPECT_FALSE(client->isOk());
+        const Quiet quiet;
+        client.reset();
+        EXPECT_EQ(kNotOk, fatal.take());
+        EXPECT_EQ(before, openDescriptors());
+        EXPECT_EQ(0, attachments(server->segment.shmId()) - 1) << "the server's own";
+        attachWithout(n);
+        client.reset();
+        EXPECT_EQ(nothingPrinted(), printed(messages)) << "while quiet";
+        fatal.take();
+    }
+}
+
+// A client without the rest is one: it receives, and what it has not it does without.
+TEST_F(ClientOutOfMemory, withoutTheRestItIsAClient) {
+    const Quiet quiet;
+    unsigned int kind = 1;
+    bool allSucceeded = false, canSend = false;
+    int n = 2;
+    for (; !allSucceeded; ++n) {
+        SCOPED_TRACE(n);
+        renewServer();
+        allSucceeded = attachWithout(n);
+        ASSERT_TRUE(client->isOk());
+        canSend = client->sendTo(packet, sizeof packet, kLoopback) == static_cast<int>(sizeof packet);
+        client->setMcastTtl(3);
+        for (NwFilterTest* test :
+             {&client->exerciseId(), &client->protocolVersion(), &client->pduKind(), &client->ipAddr()})
+            test->setTest(NwTestInclude, 1, &kind);
+        client->requestServerState();
+        server->deliver("abc");
+        char* received = nullptr;
+        EXPECT_EQ(3, client->NwRecv(&received, nullptr));
+        client.reset();
+        EXPECT_EQ("", fatal.take());
+    }
+    EXPECT_GE(n, 8) << "a control message, four filter tests and a sending socket";
+    EXPECT_TRUE(canSend) << "once memory holds out";
 }
 
 }  // namespace
