@@ -4,7 +4,6 @@
 #include <cvNetworkCompatibility/cvNetSocket.h>
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -26,6 +25,7 @@
 
 #include "messages.h"
 #include "network.h"
+#include "process.h"
 
 namespace {
 
@@ -86,15 +86,6 @@ public:
     NoMoreDescriptors() { descriptorsAreUsedUp = true; }
     ~NoMoreDescriptors() { descriptorsAreUsedUp = false; }
 };
-
-int openDescriptors() {
-    DIR* directory = ::opendir("/proc/self/fd");
-    if (!directory) throw std::runtime_error("/proc/self/fd");
-    int count = -1;  // the directory itself
-    while (const dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
-    ::closedir(directory);
-    return count;
-}
 
 ifreq entryNamed(const std::string& name, int family = AF_INET) {
     ifreq entry = {};
