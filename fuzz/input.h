@@ -43,6 +43,12 @@ public:
         myPosition += count;
         return result;
     }
+    // So many bytes, with zeros for those that are missing.
+    std::string paddedBytes(std::size_t count) {
+        std::string result = bytes(count);
+        result.resize(count);
+        return result;
+    }
     bool isAtEnd() const { return myPosition == mySize; }
 
 private:

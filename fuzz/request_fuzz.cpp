@@ -27,45 +27,13 @@
 
 #include "../packetserver/packet_filter.h"
 #include "../packetserver/request_socket.h"
+#include "input.h"
 
 namespace {
 
 using packetserver::PacketFilter;
 using packetserver::RequestSocket;
 using packetserver::Sender;
-
-[[noreturn]] void finding(const char* rule, long saw, long wanted) {
-    std::fprintf(stderr, "finding: %s: %ld instead of %ld\n", rule, saw, wanted);
-    std::abort();
-}
-
-void expectEqual(const char* rule, long saw, long wanted) {
-    if (saw != wanted) finding(rule, saw, wanted);
-}
-
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : myData(data), mySize(size) {}
-
-    unsigned int number(int bytes) {
-        unsigned int value = 0;
-        for (int i = 0; i < bytes; ++i) value |= static_cast<unsigned int>(byte()) << (8 * i);
-        return value;
-    }
-    std::string bytes(std::size_t count) {
-        std::string result(count, '\0');
-        for (char& c : result) c = static_cast<char>(byte());
-        return result;
-    }
-    bool isAtEnd() const { return myPosition == mySize; }
-
-private:
-    std::uint8_t byte() { return myPosition < mySize ? myData[myPosition++] : std::uint8_t(0); }
-
-    const std::uint8_t* myData;
-    std::size_t mySize;
-    std::size_t myPosition = 0;
-};
 
 // --- the model -------------------------------------------------------------------------------------------
 
@@ -181,24 +149,24 @@ private:
     void step(Input& input) {
         switch (input.number(1) % 4) {
             case 0:
-                exchange(input.bytes(input.number(1)), 0);
+                exchange(input.paddedBytes(input.number(1)), 0);
                 break;
             case 1: {
                 const unsigned int descriptors = input.number(1) % 32;
-                exchange(input.bytes(input.number(1)), descriptors);
+                exchange(input.paddedBytes(input.number(1)), descriptors);
                 break;
             }
             case 2: {
                 const unsigned int kind = 1 + input.number(1) % 4;
                 std::string request = std::string(1, static_cast<char>(kind)) + '\3';
-                request += input.bytes(lengthOf(kind) - 2);
+                request += input.paddedBytes(lengthOf(kind) - 2);
                 exchange(request, 0);
                 break;
             }
             default: {
                 const unsigned int length = input.number(1) % 5;
                 const unsigned int source = input.number(4);
-                const std::string packet = input.bytes(length);
+                const std::string packet = input.paddedBytes(length);
                 expectEqual("packet passes", myFilter.passes(packet.data(), length, source),
                             myModel.passes(packet, source));
             }

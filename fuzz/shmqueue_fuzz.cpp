@@ -20,41 +20,14 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "input.h"
+
 namespace {
-
-[[noreturn]] void finding(const char* rule, long saw, long wanted) {
-    std::fprintf(stderr, "finding: %s: %ld instead of %ld\n", rule, saw, wanted);
-    std::abort();
-}
-
-void expectEqual(const char* rule, long saw, long wanted) {
-    if (saw != wanted) finding(rule, saw, wanted);
-}
-
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : myData(data), mySize(size) {}
-
-    unsigned int number(int bytes) {
-        unsigned int value = 0;
-        for (int i = 0; i < bytes; ++i) value |= static_cast<unsigned int>(byte()) << (8 * i);
-        return value;
-    }
-    bool isAtEnd() const { return myPosition == mySize; }
-
-private:
-    std::uint8_t byte() { return myPosition < mySize ? myData[myPosition++] : std::uint8_t(0); }
-
-    const std::uint8_t* myData;
-    std::size_t mySize;
-    std::size_t myPosition = 0;
-};
 
 // Memory of exactly the queue's size, so that the address sanitizer sees each byte beyond it; for builds
 // without it there are marks on both sides.
