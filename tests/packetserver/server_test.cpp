@@ -43,20 +43,42 @@ static std::atomic<int> clientsWithoutMemory{0};
 static std::atomic<int> allocationsLeft{-1};
 static std::atomic<bool> theSystemRefusesDescriptors{true};
 
-[[gnu::noinline]] void* operator new(std::size_t size) {
+// All forms, so that nothing is made by one allocator and given back to another.
+static void* allocate(std::size_t size) {
     if (size == sizeof(packetserver::Client) && clientsWithoutMemory > 0) {
         --clientsWithoutMemory;
-        throw std::bad_alloc();
+        return nullptr;
     }
-    if (allocationsLeft == 0) throw std::bad_alloc();
+    if (allocationsLeft == 0) return nullptr;
     if (allocationsLeft > 0) --allocationsLeft;
-    if (void* const memory = std::malloc(size)) return memory;
+    return std::malloc(size);
+}
+static void* allocateOrThrow(std::size_t size) {
+    if (void* const memory = allocate(size)) return memory;
     throw std::bad_alloc();
+}
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    return allocateOrThrow(size);
+}
+[[gnu::noinline]] void* operator new[](std::size_t size) {
+    return allocateOrThrow(size);
+}
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+[[gnu::noinline]] void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
