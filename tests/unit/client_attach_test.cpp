@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdarg>
+#include <limits>
 
 #include "child.h"
 #include "client_fixture.h"
@@ -247,6 +248,11 @@ TEST_F(ClientAttachTest, multicastAddressIsJoined) {
     EXPECT_TRUE(server->isEmpty());
 }
 
+TEST_F(ClientAttachTest, theSendingSocketsInterfaceIsTheHostsFirst) {
+    REQUIRE_PRIVATE_NETWORK();
+    EXPECT_EQ(ipv4("10.8.0.1"), attach(0x27)->netSocket->mcastDevice());
+}
+
 TEST_F(ClientAttachTest, internalModeIsTold) {
     Messages messages;
     NwCsAckRecord ack = server->good();
@@ -424,6 +430,10 @@ TEST_F(ClientAttachTest, acknowledgementsThatCannotBeTrue) {
     ack = server->good();
     ack.server2ClientSize = -16;
     EXPECT_EQ(informed(noSegment), refused(bytesOf(ack)));
+    ack.server2ClientSize = ack.client2ServerSize = std::numeric_limits<int>::max();
+    EXPECT_EQ(informed(noSegment), refused(bytesOf(ack)));
+    ack.server2ClientSize = 16;
+    EXPECT_EQ(informed(noSegment), refused(bytesOf(ack)));
     EXPECT_EQ(informed("shmget for key 0 failed\n"), refused(bytesOf(server->good()).substr(0, 23)));
 }
 
@@ -547,6 +557,98 @@ TEST_F(ClientAttachTest, anAreaThatHoldsNoQueueEndsTheAttachmentAtTheFirstRead) 
     firstReadIsTheLast(server->good());
 }
 
+// --- attached anew -----------------------------------------------------------------------------------------
+
+class ClientAttachedAnew : public ClientAttachTest {
+protected:
+    static constexpr int kNewId = 78;
+
+    // An attach of a socket that has released what it had; its requests stay.
+    void attachAnew(Client& client, unsigned int addr = kLoopback) {
+        server->drain();
+        server->hangUp();
+        NwCsAckRecord ack = server->good();
+        ack.clientId = kNewId;
+        server->answerAttach(ack);
+        client.init(FakePacketServer::kPort, addr, 5, 0x27);
+        server->answered();
+    }
+};
+
+TEST_F(ClientAttachedAnew, itIsAClientAsAnyOther) {
+    const Quiet quiet;
+    UdpPeer peer(kLoopback, FakePacketServer::kPort, true);
+    std::unique_ptr<Client> client = attach(0x27);
+    server->deliver("abc", 0x0A000001u);
+    char bytes[4];
+    EXPECT_EQ(3, client->NwRecv(bytes, 4ul));
+    client->notifyMe();
+    server->say(noticeMessage(NwCsNoticeStopped));
+    EXPECT_EQ(0, client->NwRecv(bytes, 4ul));
+    EXPECT_EQ(NwCsNoticeStopped, client->endNotice());
+    EXPECT_FALSE(client->isOk());
+    server->hangUp();
+    const int before = openDescriptors();
+    attachAnew(*client);
+    EXPECT_TRUE(client->isOk());
+    EXPECT_EQ(5, recordIn<NwCsAddClientRecord>(server->request).clientArg);
+    for (int index = 0; index < 4; ++index) EXPECT_EQ(filterMessage(index, 0, 1, kNewId), server->next());
+    EXPECT_TRUE(server->isEmpty());
+    EXPECT_EQ(0, client->endNotice());
+    EXPECT_EQ(0u, client->lastSourceInetAddr());
+    EXPECT_FALSE(client->notifyPending);
+    client->pduKind().setTest(NwTestInclude, 0, nullptr);
+    EXPECT_EQ(filterMessage(2, 0, 0, kNewId), server->next());
+    server->deliver("de");
+    EXPECT_EQ(2, client->NwRecv(bytes, 4ul));
+    EXPECT_EQ(2, client->sendTo(bytes, 2, kLoopback));
+    EXPECT_EQ("de", peer.receive());
+    client.reset();
+    EXPECT_EQ("", fatal.take());
+    EXPECT_FALSE(exists(server->notifyPath));
+    EXPECT_EQ(1, attachments(server->segment.shmId()));
+    server->hangUp();
+    EXPECT_EQ(before + 1, openDescriptors()) << "the sending socket, which is never destroyed";
+}
+
+// The sending socket comes last: what it has to say, it says of a client that is attached.
+TEST_F(ClientAttachedAnew, itIsOkBeforeItsSendingSocketIsMade) {
+    REQUIRE_PRIVATE_NETWORK();
+    class Watch : public std::streambuf {
+    public:
+        explicit Watch(const Client& client) : myClient(client), myFormer(NwWarn.rdbuf(this)) {}
+        ~Watch() override { NwWarn.rdbuf(myFormer); }
+        std::string text;
+        bool sawItAttached = true;
+
+    private:
+        int_type overflow(int_type c) override {
+            const char one = static_cast<char>(c);
+            return xsputn(&one, 1) == 1 ? c : traits_type::eof();
+        }
+        std::streamsize xsputn(const char* more, std::streamsize length) override {
+            sawItAttached = sawItAttached && myClient.isOk();
+            text.append(more, static_cast<std::size_t>(length));
+            return length;
+        }
+        const Client& myClient;
+        std::streambuf* const myFormer;
+    };
+    std::unique_ptr<Client> client = attach(0x27);
+    client->cleanup();
+    EXPECT_FALSE(client->isOk());
+    run("ip link set cv0 down");
+    Messages messages;
+    {
+        Watch watch(*client);
+        attachAnew(*client, 0);
+        run("ip link set cv0 up");
+        EXPECT_NE(std::string::npos, watch.text.find("Couldn't find an IP interface capable of broadcast."));
+        EXPECT_TRUE(watch.sawItAttached);
+    }
+    EXPECT_EQ("ClientSocket (id 78) ok for port 3000 (external)\n", messages.info());
+}
+
 // --- the receive buffer ------------------------------------------------------------------------------------
 
 // A largest packet size while it lives.
@@ -647,6 +749,16 @@ TEST_F(DefaultSocket, isAsynchronousIfAskedFor) {
     int length = 0;
     ASSERT_TRUE(eventually([&] { return (length = socket->NwRecv(&packet, nullptr)) != 0; }));
     EXPECT_EQ(16, length);
+}
+
+TEST_F(DefaultSocket, itsInterfaceIsTheHostsFirst) {
+    REQUIRE_PRIVATE_NETWORK();
+    server->close();
+    const Quiet quiet;
+    for (const bool async : {false, true}) {
+        std::unique_ptr<NwSocket> socket(NwNewDfltSocket(freePort(), kLoopback, async));
+        EXPECT_EQ(ipv4("10.8.0.1"), dynamic_cast<NwNetSocket&>(*socket).mcastDevice());
+    }
 }
 
 TEST_F(DefaultSocket, aSocketThatFailedToOpenIsReturnedAsItIs) {

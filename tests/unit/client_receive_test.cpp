@@ -666,6 +666,29 @@ TEST_F(ClientReceiveTest, aNotifySocketThatCannotBeReadEndsTheSocketWithoutARele
     EXPECT_EQ(kNotOk, fatal.take());
 }
 
+TEST_F(ClientReceiveTest, aNotifySocketThatCannotBeReadIsNotToldOfWhileQuiet) {
+    std::unique_ptr<Client> client = attach(0x27);
+    Messages messages;
+    const Quiet quiet;
+    char kind = 1;
+    char bytes[4];
+    const int notifyFd = client->notifyFd;
+    client->notifyFd = -1;
+    EXPECT_EQ(0, client->timedRecv(bytes, 4, &kind));
+    client->notifyFd = ::open("/", O_RDONLY | O_DIRECTORY);
+    ::close(client->notifyFd);  // no descriptor any more
+    EXPECT_EQ(0, client->timedRecv(bytes, 4, &kind));
+    client->notifyFd = notifyFd;
+    EXPECT_TRUE(client->isOk());
+    server->notify("abc");
+    theReadError = EIO;
+    EXPECT_EQ(0, client->timedRecv(bytes, 4, &kind));
+    EXPECT_FALSE(client->isOk());
+    EXPECT_EQ(nothingPrinted(), printed(messages));
+    client.reset();
+    EXPECT_EQ(kNotOk, fatal.take());
+}
+
 TEST_F(ClientReceiveTest, descriptorsBeyondASetAreWaitedForToo) {
     std::unique_ptr<Client> client = attach(0x27);
     rlimit former;
