@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -53,6 +54,13 @@ std::string reasonOfRefusal() {
     if (warning.find("getPs: 11 ") != std::string::npos)
         return "it refuses (its log says why; may this user attach?)";
     return warning.empty() ? "its shared memory is not there" : warning;
+}
+
+// The library's default socket does without such a server, and says so in two lines.
+bool saidThatServerIsTooOld(const std::vector<std::string>& warnings) {
+    return std::any_of(warnings.begin(), warnings.end(), [](const std::string& line) {
+        return line.find("packet server from") != std::string::npos;
+    });
 }
 
 [[noreturn]] void failToAttach(int port) {
@@ -124,7 +132,7 @@ SocketPtr<NwSocket> openDefaultSocket(int port, NwIpv4Addr address, bool async) 
         if (dynamic_cast<NwClientSocket*>(socket.get()) != nullptr) failToAttach(port);
         throw Failure(fmt::format("cannot open port {}: {}", port, takeLibraryReason("refused")));
     }
-    if (takeLibraryWarning().find("packet server from") != std::string::npos)
+    if (saidThatServerIsTooOld(takeLibraryWarnings()))
         warningLine(fmt::format("the packet server of port {} is too old: going on without it", port));
     socket->NwBecomeNonBlocking();
     return socket;
