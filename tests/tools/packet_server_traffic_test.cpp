@@ -211,6 +211,16 @@ TEST_F(PacketServerTraffic, receiverTakesDatagramsWholeWhenAsked) {
     EXPECT_EQ(packet["odd"], "undivided");
 }
 
+TEST_F(PacketServerTraffic, aServerThatTakesNothingApartGivesDatagramsWhole) {
+    OrderlyServer server({"--no-unbundle"});
+    CvnetProcess receiver(at(server, {"recv", "--server", "--json", "--count", "1"}));
+    receiver.listeningPort();
+    myPeer.send(pdu(60, 3) + pdu(70, 4), server.port());
+    const auto packet = eventOf(jsonLines(receiver.finish().output), "pdu");
+    EXPECT_EQ(packet["length"], 130);
+    EXPECT_EQ(packet["odd"], "undivided");
+}
+
 TEST_F(PacketServerTraffic, groupsAreJoinedByTheServer) {
     run("ip link set lo multicast on");
     OrderlyServer server({"--interface", "lo"});

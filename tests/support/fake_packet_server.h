@@ -48,6 +48,7 @@ public:
     FakePacketServer(const FakePacketServer&) = delete;
     FakePacketServer& operator=(const FakePacketServer&) = delete;
 
+    const std::string& directory() const { return myDirectory; }
     const char* path() const { return myPath; }
 
     // Nobody listens any more.
