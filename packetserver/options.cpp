@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <pwd.h>
 
-#include <cstdlib>
 #include <iostream>
 
 #include <fmt/format.h>

@@ -17,8 +17,6 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include <cvutil/cvPacketServer.h>
-
 namespace packetserver {
 
 namespace {
@@ -32,6 +30,9 @@ constexpr unsigned mostPendingOfProcess = 8;
 /// once, and so many more each second.
 constexpr unsigned linesAtOnce = 200;
 constexpr unsigned linesPerTick = 5;
+/// Tests and pings, which put a message into the queue of every client, whoever asks.
+constexpr unsigned callsAtOnce = 20;
+constexpr unsigned callsPerTick = 5;
 /// A control-only client is sent states, warnings and notices: room for the answer about all clients, and
 /// more.
 constexpr unsigned long controlQueueBytes = 256UL << 10;
@@ -54,7 +55,8 @@ Server::Server(int port, const ServerSettings& settings, EventLoop& loop, Log& l
       groups_(settings.interface),
       isInternal_(settings.isInternal),
       unbundles_(settings.unbundles),
-      linesLeft_(linesAtOnce) {}
+      linesLeft_(linesAtOnce),
+      callsLeft_(callsAtOnce) {}
 
 Server::~Server() {
     if (socket_) loop_.remove(socket_->readFd());
@@ -337,10 +339,8 @@ void Server::control(const NwCsControlReqMsg& request, const Sender& sender) {
         case NwCsRequestInternal:
             return setInternal(*client, true);
         case NwCsRequestTestClients:
-            reap();
-            return tellAll(NwCsNoticeTest);
         case NwCsRequestPingClients:
-            return pingAll();
+            return callAll(*client, request.request());
         case NwCsRequestState:
             return sendState(*client);
         case NwCsRequestClientStates:
@@ -358,6 +358,20 @@ bool Server::mayControl(Client& asking, const char* what) {
     if (settings_.permissions.mayControl(asking.sender().uid)) return true;
     warn(asking, fmt::format("not allowed {}", what));
     return false;
+}
+
+// This takes no permission, so it is rationed: nobody fills the queues of the others with it.
+void Server::callAll(Client& asking, unsigned short request) {
+    if (callsLeft_ == 0) {
+        ++refusedRequests_;
+        return warn(asking, "too many tests and pings of all clients");
+    }
+    --callsLeft_;
+    reap();
+    if (request == NwCsRequestTestClients)
+        tellAll(NwCsNoticeTest);
+    else
+        pingAll();
 }
 
 void Server::askToStop(Client& asking) {
@@ -451,7 +465,6 @@ void Server::tellControlOnly(NwCsNoticeCode code) {
 }
 
 void Server::pingAll() {
-    reap();
     for (const auto& entry : clients_) {
         NwCsPingMsg ping(entry.second->writer());
         entry.second->tell(ping);
@@ -488,6 +501,7 @@ void Server::tick() {
                    fmt::format("port {}: {} more lines about clients left out", port_, linesLeftOut_));
     linesLeftOut_ = 0;
     linesLeft_ = std::min(linesLeft_ + linesPerTick, linesAtOnce);
+    callsLeft_ = std::min(callsLeft_ + callsPerTick, callsAtOnce);
     reap();
     publish();
 }

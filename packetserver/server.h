@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -48,12 +47,12 @@ public:
     bool start();
     const std::string& problem() const { return problem_; }
 
-    /// To be called about once a second: lets go of clients that died.
+    /// To be called about once a second: lets go of clients that died, tells of drops what had no room
+    /// before, and renews what the log and requests are rationed by.
     void tick();
     /// Logs a line for the port and one for each client.
     void logStatistics();
 
-    int port() const { return port_; }
     /// Whether a client with permission has asked the server to stop.
     bool isAskedToStop() const { return isAskedToStop_; }
 
@@ -80,6 +79,7 @@ private:
     void setFilter(const NwCsFilterMsg& request, const Sender& sender);
     void changeGroups(const NwCsMulticastReqMsg& request, const Sender& sender);
     void control(const NwCsControlReqMsg& request, const Sender& sender);
+    void callAll(Client& asking, unsigned short request);
     void askToStop(Client& asking);
     void setInternal(Client& asking, bool on);
     void setUnbundling(Client& asking, bool on);
@@ -120,6 +120,7 @@ private:
     std::uint64_t refusedAttaches_ = 0;
     unsigned linesLeft_;              // see mayTell()
     std::uint64_t linesLeftOut_ = 0;  // since the last tick
+    unsigned callsLeft_;              // see callAll()
 };
 
 }  // namespace packetserver

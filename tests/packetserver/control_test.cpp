@@ -10,9 +10,9 @@
 #include <fstream>
 
 #include "clients.h"
+#include "packet_server_process.h"
 #include "packets.h"
 #include "private_host.h"
-#include "packet_server_process.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -139,7 +139,7 @@ TEST_F(PacketServerControl, clientStatesTellOfEachClientAndItsFilters) {
     }
 }
 
-// As many as a server takes by default, so that an answer fits a control-only client's queue.
+// Far more than a server takes by default: the queue of a control-only client grows with that limit.
 TEST_F(PacketServerControl, clientStatesOfAFullServerComeWhole) {
     Server server({"--clients", "200", "--queue", "256k"});
     std::vector<std::unique_ptr<WatchedSocket>> clients;

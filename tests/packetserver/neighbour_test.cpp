@@ -235,7 +235,7 @@ TEST_F(PacketServerNeighbours, notifyPathsThatAreNoneAreRefused) {
     std::filesystem::create_symlink(client.notifyPath, "/tmp/link");
     std::filesystem::create_directory("/tmp/directory");
     std::filesystem::create_directory_symlink("/tmp", there.file("tmp"));
-    int refused = 0;  // ten are told a second
+    int refused = 0;  // far fewer than a server tells of at once
     for (const auto& [path, why] : std::vector<std::pair<std::string, std::string>>{
              {"/tmp/regular", "is no socket"},
              {"/tmp/directory", "is no socket"},

@@ -424,6 +424,73 @@ TEST_F(PacketServerTest, oneProcessDoesNotTakeEveryPlaceWithoutAttaching) {
     EXPECT_EQ(oneMore->answer(), NwCsKindAck);
 }
 
+TEST_F(PacketServerTest, listOfAFilterIsLimitedDoublesIncluded) {
+    start();
+    const auto client = attached();
+    const auto asking = attached(kControl);
+    const NwCsMsg acknowledgement = client->bytes;
+    const auto add = [&](unsigned value) {
+        client->filter(NwCsFilterSourceAddr, NwCsFilterOpAdd, value);
+        turn();
+    };
+    const auto expectNoWarning = [&] {
+        EXPECT_EQ(client->message(), -1);
+        client->bytes = acknowledgement;
+    };
+    for (unsigned i = 0; i < 65536; ++i) add(1000 + i / 2);
+    expectNoWarning();
+    add(kLoopback);
+    ASSERT_EQ(client->message(), NwCsKindWarning);
+    EXPECT_STREQ(NwCsWarningMsg(nullptr, &client->bytes).text(), "the filter's list is full");
+    client->bytes = acknowledgement;
+    asking->request(NwCsRequestClientStates);
+    turns();
+    ASSERT_EQ(asking->message(), NwCsKindCStateReturn);
+    EXPECT_EQ(NwCsCStateReturnMsg(nullptr, &asking->bytes).state().filters[NwCsFilterSourceAddr].values,
+              65536u);
+    UdpPeer().send(pdu(100), port);
+    turns();
+    EXPECT_EQ(client->message(), NwCsKindData) << "the address that found no room is excluded";
+    client->bytes = acknowledgement;
+    client->filter(NwCsFilterSourceAddr, NwCsFilterOpOperator, 1);  // which empties it
+    add(kLoopback);
+    UdpPeer().send(pdu(100), port);
+    turns();
+    expectNoWarning();
+}
+
+// They take no permission, and put a message into every queue.
+TEST_F(PacketServerTest, testsAndPingsOfAllClientsAreRationed) {
+    start();
+    const auto bystander = attached();
+    const auto asking = attached();
+    const auto ask = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            asking->request(i % 2 == 0 ? NwCsRequestTestClients : NwCsRequestPingClients);
+            if (i % 5 == 0) turn();
+        }
+        turns();
+    };
+    const auto heard = [&] {
+        std::vector<int> kinds;
+        for (int kind = bystander->message(); kind != -1; kind = bystander->message()) kinds.push_back(kind);
+        return kinds;
+    };
+    ask(500);
+    const std::vector<int> first = heard();
+    EXPECT_EQ(std::count(first.begin(), first.end(), NwCsKindNotice), 10);
+    EXPECT_EQ(std::count(first.begin(), first.end(), NwCsKindPing), 10);
+    EXPECT_EQ(first.size(), 20u);
+    server->tick();
+    ask(500);
+    EXPECT_EQ(heard().size(), 5u);
+    server->logStatistics();
+    EXPECT_EQ(logged("statistics").back()["requestsRefused"], 1000 - 25);
+    for (int i = 0; i < 20; ++i) EXPECT_NE(asking->message(), NwCsKindWarning);
+    ASSERT_EQ(asking->message(), NwCsKindWarning);
+    EXPECT_STREQ(NwCsWarningMsg(nullptr, &asking->bytes).text(), "too many tests and pings of all clients");
+}
+
 TEST_F(PacketServerTest, groupsOfAClientAreLimitedAndTheirSocketsClosed) {
     REQUIRE_PRIVATE_NETWORK();
     settings.interface = kLoopback;
