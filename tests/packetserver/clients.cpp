@@ -53,8 +53,8 @@ WatchedSocket::WatchedSocket(int serverPort, unsigned short flags, unsigned int 
     if (isOk()) NwBecomeNonBlocking();
 }
 
-unsigned int WatchedSocket::queueBytes() const {
-    return reader->queueMgr().ringBytes();
+void WatchedSocket::block() {
+    reader->queueMgr().setBlockingRead(true);
 }
 
 WatchedSocket::Item WatchedSocket::next() {

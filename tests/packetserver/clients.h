@@ -21,17 +21,18 @@ public:
     static int fatalEndings();
 };
 
-// A client socket whose inside can be seen, and which never waits.
+// A client socket whose inside can be seen, and which never waits unless block() is called.
 class WatchedSocket : public NwClientSocket {
 public:
     enum : unsigned short { data = defaultFlags, control = controlOnlyFlag };
 
     explicit WatchedSocket(int serverPort, unsigned short flags = data, unsigned int address = 0x7F000001u);
 
+    // Receives wait from now on, until NwBecomeNonBlocking().
+    void block();
+
     int id() const { return clientId; }
     std::string path() const { return notifyPath; }
-    char* segment() const { return static_cast<char*>(shmBase); }
-    unsigned int queueBytes() const;
 
     struct Item {
         enum Kind { nothing, packet, message } kind = nothing;

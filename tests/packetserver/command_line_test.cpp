@@ -12,12 +12,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "clients.h"
+#include "packet_server_process.h"
 #include "packets.h"
 #include "private_host.h"
-#include "packet_server_process.h"
 
 using testing::Contains;
 using testing::HasSubstr;
@@ -197,7 +198,8 @@ TEST(PacketServerStart, serviceManagerIsToldOfReadinessAndOfTheEnd) {
 
 TEST(PacketServerStop, everySignalThatStopsTellsTheClientsAndRemovesAll) {
     REQUIRE_PRIVATE_HOST();
-    for (const int signal : {SIGTERM, SIGINT}) {
+    ::signal(SIGHUP, SIG_DFL);  // these tests may run under nohup themselves
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         const Tame tame;
         Server server;
         WatchedSocket data(server.port());
@@ -217,6 +219,28 @@ TEST(PacketServerStop, everySignalThatStopsTellsTheClientsAndRemovesAll) {
         EXPECT_EQ(server.countEvents("detached"), 2);
         EXPECT_EQ(server.countEvents("stopped"), 1);
     }
+}
+
+// Under nohup, that is.
+TEST(PacketServerStop, hangUpThatIsIgnoredAtTheStartStopsNothing) {
+    REQUIRE_PRIVATE_HOST();
+    const Tame tame;
+    const RunDirectory directory;
+    const int port = freePort();
+    DaemonProcess daemon({"--port", std::to_string(port), "--run-dir", directory.path()},
+                         [] { ::signal(SIGHUP, SIG_IGN); });
+    ASSERT_TRUE(daemon.waitForError("serving port"));
+    daemon.signal(SIGHUP);
+    NwSetPacketServerDirectory(directory.path().c_str());
+    {
+        WatchedSocket client(port);
+        client.settle();
+        client.settle();  // the server has had its turns since
+    }
+    NwSetPacketServerDirectory(nullptr);
+    EXPECT_TRUE(daemon.isRunning());
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.finish().exitStatus, 0);
 }
 
 TEST(PacketServerStop, whatIsQueuedIsDeliveredBeforeTheNotice) {
@@ -274,15 +298,13 @@ TEST(PacketServerLog, wordsGoToStandardErrorWithoutJson) {
     EXPECT_THAT(result.errors, HasSubstr("cvpacketserver: stopped\n"));
 }
 
-TEST(PacketServerLog, hangUpOpensTheFileAnew) {
-    REQUIRE_PRIVATE_HOST();
-    const Tame tame;
+void expectHangUpOpensTheFileAnew(const std::function<void()>& beforeExec) {
     const RunDirectory logs;
     const std::string log = logs.file("log");
     const RunDirectory directory;
-    const int port = freePort();
     DaemonProcess daemon(
-        {"--port", std::to_string(port), "--run-dir", directory.path(), "--log", log, "--json"});
+        {"--port", std::to_string(freePort()), "--run-dir", directory.path(), "--log", log, "--json"},
+        beforeExec);
     ASSERT_TRUE(eventually([&] { return contentsOf(log).find("serving") != std::string::npos; }));
     ASSERT_EQ(::rename(log.c_str(), (log + ".1").c_str()), 0);
     daemon.signal(SIGHUP);
@@ -294,6 +316,12 @@ TEST(PacketServerLog, hangUpOpensTheFileAnew) {
     EXPECT_THAT(contentsOf(log), HasSubstr("\"stopped\""));
     EXPECT_THAT(contentsOf(log), testing::Not(HasSubstr("\"serving\"")));
     EXPECT_THAT(contentsOf(log + ".1"), HasSubstr("\"serving\""));
+}
+
+TEST(PacketServerLog, hangUpOpensTheFileAnew) {
+    REQUIRE_PRIVATE_HOST();
+    expectHangUpOpensTheFileAnew(nullptr);
+    expectHangUpOpensTheFileAnew([] { ::signal(SIGHUP, SIG_IGN); });  // under nohup too
 }
 
 TEST(PacketServerLog, statisticsCountWhatCameAndWhatEachClientGot) {

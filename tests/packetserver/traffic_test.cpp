@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <set>
+#include <sstream>
 
 #include "clients.h"
 #include "packet_server_process.h"
@@ -20,8 +22,7 @@
 
 namespace {
 
-// --- what a client wants, and what it must get
-// -------------------------------------------------------------
+// --- what a client wants, and what it must get -----------------------------------------------------------
 
 struct Wish {
     bool excludes = true;
@@ -113,8 +114,7 @@ Wishes wishes(int number) {
     return result;
 }
 
-// --- a client in a process of its own
-// ----------------------------------------------------------------------
+// --- a client in a process of its own --------------------------------------------------------------------
 
 struct Got {
     std::uint32_t sequence;
@@ -148,8 +148,8 @@ struct Report {
     }
 };
 
-// Attaches, says its number, receives until it is told that no more will come, and reports. Odd ones wait
-// in the receive call, even ones watch the descriptor.
+// Attaches, says its number, receives until it is told that no more will come, and reports. Odd ones block
+// in the receive call, which takes a message to see the end; even ones watch the descriptor.
 int receive(const Line& line, int port, const Wishes& mine, int number) {
     NwSocket::setQuietSockets(true);
     WatchedSocket socket(port);
@@ -157,29 +157,27 @@ int receive(const Line& line, int port, const Wishes& mine, int number) {
     socket.settle();
     line.say(std::to_string(socket.id()));
     Report report;
-    const auto takeAll = [&] {
-        for (;;) {
-            const WatchedSocket::Item item = socket.next();
-            if (item.kind == WatchedSocket::Item::nothing) return;
-            if (item.kind == WatchedSocket::Item::packet) {
-                report.packets.push_back(Got{item.header.sequence, item.bytes});
-            } else if (item.text.kind == NwCsKindWarning) {
-                const NwCsWarningMsg warning(nullptr, &item.text);
-                if (warning.warning() == NwCsWarningDropped) report.dropsTold += warning.count();
-            }
+    // False when nothing came.
+    const auto takeOne = [&] {
+        const WatchedSocket::Item item = socket.next();
+        if (item.kind == WatchedSocket::Item::packet) {
+            report.packets.push_back(Got{item.header.sequence, item.bytes});
+        } else if (item.text.kind == NwCsKindWarning) {
+            const NwCsWarningMsg warning(nullptr, &item.text);
+            if (warning.warning() == NwCsWarningDropped) report.dropsTold += warning.count();
         }
+        return item.kind != WatchedSocket::Item::nothing;
     };
+    if (number % 2 != 0) socket.block();
     while (!line.isHeard()) {
-        takeAll();
-        if (number % 2 == 0) {
-            socket.notifyMe();
-            waitReadable(socket.readFd(), 20);
-        } else {
-            ::usleep(200);
-        }
+        if (takeOne() || number % 2 != 0) continue;
+        socket.notifyMe();
+        waitReadable(socket.readFd(), 20);
     }
     line.hear();
-    takeAll();
+    socket.NwBecomeNonBlocking();
+    while (takeOne()) {
+    }
     line.say(report.asText());
     line.hear();  // so that the server can still be asked about this client
     return 0;
@@ -192,11 +190,10 @@ public:
           process([=](const Line& line) { return receive(line, port, wishes(number), number); }),
           id(std::atoi(process.hear().c_str())) {}
 
-    // To be called when the server has taken everything.
-    Report report() {
-        process.say("enough");
-        return Report::fromText(process.hear());
-    }
+    // To be called when the server has taken everything; and then some client has to ping them all, to end
+    // what blocks.
+    void enough() { process.say("enough"); }
+    Report report() { return Report::fromText(process.hear()); }
     void leave() {
         process.say("bye");
         EXPECT_EQ(process.finish(), 0) << process.errors();
@@ -277,6 +274,8 @@ void expectTrafficReaches(int clients) {
     const NwCsStateReturnRecord state = awaitAll(control, sent.size());
     EXPECT_EQ(state.clients, static_cast<unsigned>(clients));
     std::uint64_t total = 0;
+    for (const auto& receiver : receivers) receiver->enough();
+    control.pingClients();
     for (const auto& receiver : receivers) {
         const Report report = receiver->report();
         const NwCsCStateReturnRecord its = control.stateOf(receiver->id);
@@ -321,6 +320,8 @@ TEST_F(PacketServerTraffic, nothingIsMissingWhenNothingIsDropped) {
         if (i % 50 == 49) awaitAll(control, i + 1);
     }
     EXPECT_EQ(awaitAll(control, sent.size()).kernelDropped, 0u);
+    for (Receiver* receiver : {&first, &second}) receiver->enough();
+    control.pingClients();
     for (Receiver* receiver : {&first, &second}) {
         const std::deque<std::string> wanted = receiver->mine.of(sent);
         const Report report = receiver->report();
@@ -349,6 +350,7 @@ TEST_F(PacketServerTraffic, stoppedClientCostsTheOthersNothingAndIsToldOfItsDrop
                 eventually([&] { return control.stateOf(living.id).queueUsedBytes < (256u << 10) / 2; }));
         }
     }
+    living.enough();
     const Report all = living.report();
     expectHonest(all, living.mine, sent, control.stateOf(living.id), 0);
     EXPECT_EQ(all.packets.size(), sent.size());
@@ -361,11 +363,48 @@ TEST_F(PacketServerTraffic, stoppedClientCostsTheOthersNothingAndIsToldOfItsDrop
     // It is told, once there is room, without any further packet; and gets the next one again.
     EXPECT_TRUE(eventually([&] { return control.stateOf(sleeping.id).queueUsedBytes == 0; }));
     server.waitForEvents("statistics", server.countEvents("statistics") + 2);  // a tick passes
+    sleeping.enough();
     const Report some = sleeping.report();
     expectHonest(some, sleeping.mine, sent, control.stateOf(sleeping.id), 0);
     EXPECT_EQ(some.dropsTold, full.dropped);
     living.leave();
     sleeping.leave();
+}
+
+// What the kernel says it dropped at the sockets of a port.
+std::uint64_t kernelDropsAt(int port) {
+    std::uint64_t total = 0;
+    std::ifstream table("/proc/net/udp");
+    std::string row;
+    std::getline(table, row);
+    while (std::getline(table, row)) {
+        std::istringstream fields(row);  // "number: address:port ... drops"
+        std::string local, drops;
+        fields >> drops >> local;
+        while (fields >> drops) {
+        }
+        if (std::stoi(local.substr(local.find(':') + 1), nullptr, 16) == port) total += std::stoull(drops);
+    }
+    return total;
+}
+
+// A server that is stopped for a while finds its port's buffer full, and the rest gone.
+TEST_F(PacketServerTraffic, dropsAtThePortAreCountedExactly) {
+    const std::size_t datagrams =
+        30000;  // of at least 1024 bytes in the kernel: more than the 16 MiB it may grant
+    Server server;
+    WatchedSocket control(server.port(), WatchedSocket::control);
+    control.settle();
+    server.daemon().signal(SIGSTOP);
+    UdpPeer sender;
+    for (std::size_t i = 0; i < datagrams; ++i) sender.send(pdu(1000), server.port());
+    server.daemon().signal(SIGCONT);
+    const NwCsStateReturnRecord state = awaitAll(control, datagrams);
+    EXPECT_GT(state.datagrams, 0u);
+    EXPECT_GT(state.kernelDropped, 0u);
+    EXPECT_EQ(state.kernelDropped, kernelDropsAt(server.port()));
+    server.stop();
+    EXPECT_EQ(server.lastEvent("statistics")["kernelDropped"], state.kernelDropped);
 }
 
 TEST_F(PacketServerTraffic, smallQueueDropsForItsClientAloneAndCountsHonestly) {
