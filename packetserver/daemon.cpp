@@ -57,7 +57,7 @@ void notifyServiceManager(const char* state) {
 std::string defaultDirectory() {
     const char* service = std::getenv("RUNTIME_DIRECTORY");
     if (service != nullptr && service[0] == '/')
-        return std::string(service).substr(0, std::string(service).find(':'));
+        return std::string(service, std::strcspn(service, ":"));  // the first of them
     if (::geteuid() == 0) {
         const char* const common = "/run/cvpacketserver";
         if (::mkdir(common, 0755) != 0) return errno == EEXIST ? common : "";
@@ -118,7 +118,7 @@ private:
         NwSocket::setQuietSockets(true);  // problems are logged here, and once
         NwNetSocket::initErrorAction = 1;
         theMaxPacketSize = largestDatagram;
-        return loop_.isOk() && catchSignals() ? true : fail(std::strerror(errno));
+        return (loop_.isOk() && catchSignals()) || fail(std::strerror(errno));
     }
 
     void takeTurn(Clock::time_point& nextTick) {

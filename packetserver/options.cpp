@@ -65,9 +65,15 @@ std::optional<unsigned> groupId(const std::string& text) {
     return found != nullptr ? std::optional<unsigned>(found->gr_gid) : number(text);
 }
 
+std::optional<NwIpv4Addr> groupAddress(const std::string& text) {
+    NwIpv4Addr address = 0;
+    if (!NwInetAddrFromString(text.c_str(), &address) || !NwIsMulticastAddr(address)) return std::nullopt;
+    return address;
+}
+
 /// Runs `read` on each text and hands what it gives to `keep`; refuses what it does not know.
 template <class Read, class Keep>
-void convert(const std::vector<std::string>& texts, const char* what, Read read, Keep keep) {
+void convertEach(const std::vector<std::string>& texts, const char* what, Read read, Keep keep) {
     for (const std::string& text : texts) {
         const auto value = read(text);
         if (!value) throw CLI::ValidationError(fmt::format("{}: {}", what, text));
@@ -75,26 +81,25 @@ void convert(const std::vector<std::string>& texts, const char* what, Read read,
     }
 }
 
-}  // namespace
-
-std::optional<Options> readOptions(int argc, char** argv, int* status) {
-    Options options;
-    ServerSettings& server = options.server;
+/// What the command line says in words that have to be looked up.
+struct Words {
     std::string interface;
     std::vector<std::string> groups;
     std::vector<std::string> users;
     std::vector<std::string> userGroups;
     bool keepsBundles = false;
+};
 
-    CLI::App app(description, "cvpacketserver");
+void declare(CLI::App& app, Options& options, Words& words) {
+    ServerSettings& server = options.server;
     app.footer(footer);
     app.set_version_flag("--version", "cvpacketserver " PACKETSERVER_VERSION);
     app.add_option("--port", options.ports, "UDP port to serve; may be given several times")
         ->required()
         ->check(CLI::Range(1, 65535));
-    app.add_option("--interface", interface,
+    app.add_option("--interface", words.interface,
                    "interface for multicast, by address or name (the system's choice)");
-    app.add_option("--group", groups, "multicast group to join for good; may be given several times");
+    app.add_option("--group", words.groups, "multicast group to join for good; may be given several times");
     app.add_option("--clients", server.clients, "clients at once, for each port (32, at most 4000)")
         ->check(CLI::Range(1U, mostClients));
     app.add_option("--queue", server.queueBytes,
@@ -103,14 +108,15 @@ std::optional<Options> readOptions(int argc, char** argv, int* status) {
         ->check(CLI::Range(leastQueueBytes, mostQueueBytes));
     app.add_flag("--internal", server.isInternal,
                  "start in internal mode: packets of other hosts are dropped");
-    app.add_flag("--no-unbundle", keepsBundles, "hand datagrams over whole unless a client wishes otherwise");
+    app.add_flag("--no-unbundle", words.keepsBundles,
+                 "hand datagrams over whole unless a client wishes otherwise");
     app.add_option(
         "--run-dir", server.directory,
         "directory of the request sockets (/run/cvpacketserver for root and services, else one of the "
         "user's own in /tmp)");
-    app.add_option("--allow-user", users,
+    app.add_option("--allow-user", words.users,
                    "user who may attach besides the server's own and root; repeatable");
-    app.add_option("--allow-group", userGroups, "group whose members may attach; repeatable");
+    app.add_option("--allow-group", words.userGroups, "group whose members may attach; repeatable");
     app.add_flag("--allow-all", server.permissions.everybody, "everybody may attach");
     app.add_flag("--allow-control", server.permissions.control,
                  "whoever may attach may stop the server and switch its mode");
@@ -119,25 +125,33 @@ std::optional<Options> readOptions(int argc, char** argv, int* status) {
     app.add_flag("--json", options.isJson, "log JSON lines, on standard output");
     app.add_option("--log", options.logFile,
                    "log to this file instead; SIGHUP opens it anew (without it SIGHUP stops the server)");
+}
+
+void convert(const Words& words, ServerSettings& server) {
+    server.unbundles = !words.keepsBundles;
+    if (!words.interface.empty()) {
+        const auto address = interfaceAddress(words.interface);
+        if (!address) throw CLI::ValidationError("--interface: no such interface: " + words.interface);
+        server.interface = *address;
+    }
+    convertEach(words.groups, "--group: no multicast address", groupAddress,
+                [&](NwIpv4Addr group) { server.groups.push_back(group); });
+    convertEach(words.users, "--allow-user: no such user", userId,
+                [&](unsigned id) { server.permissions.users.insert(id); });
+    convertEach(words.userGroups, "--allow-group: no such group", groupId,
+                [&](unsigned id) { server.permissions.groups.insert(id); });
+}
+
+}  // namespace
+
+std::optional<Options> readOptions(int argc, char** argv, int* status) {
+    Options options;
+    Words words;
+    CLI::App app(description, "cvpacketserver");
+    declare(app, options, words);
     try {
         app.parse(argc, argv);
-        server.unbundles = !keepsBundles;
-        if (!interface.empty()) {
-            const auto address = interfaceAddress(interface);
-            if (!address) throw CLI::ValidationError("--interface: no such interface: " + interface);
-            server.interface = *address;
-        }
-        const auto groupAddress = [](const std::string& text) {
-            NwIpv4Addr address = 0;
-            const bool isGroup = NwInetAddrFromString(text.c_str(), &address) && NwIsMulticastAddr(address);
-            return isGroup ? std::optional<NwIpv4Addr>(address) : std::nullopt;
-        };
-        convert(groups, "--group: no multicast address", groupAddress,
-                [&](NwIpv4Addr group) { server.groups.push_back(group); });
-        convert(users, "--allow-user: no such user", userId,
-                [&](unsigned id) { server.permissions.users.insert(id); });
-        convert(userGroups, "--allow-group: no such group", groupId,
-                [&](unsigned id) { server.permissions.groups.insert(id); });
+        convert(words, options.server);
     } catch (const CLI::Success& done) {
         *status = app.exit(done);
         return std::nullopt;
