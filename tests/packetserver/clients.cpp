@@ -33,12 +33,10 @@ void noteFatal(const char*) {
 Tame::Tame() {
     fatalCount = 0;
     NwSetFatalHandler(noteFatal);
-    NwSocket::setQuietSockets(true);
 }
 
 Tame::~Tame() {
     NwSetFatalHandler(nullptr);
-    NwSocket::setQuietSockets(false);
 }
 
 int Tame::fatalEndings() {

@@ -13,12 +13,17 @@
 #include <string>
 #include <vector>
 
+#include "messages.h"
+
 // Quiet sockets, and a fatal ending that is noted instead of ending the test program.
 class Tame {
 public:
     Tame();
     ~Tame();
     static int fatalEndings();
+
+private:
+    const Quiet myQuiet;
 };
 
 // A client socket whose inside can be seen, and which never waits unless block() is called.

@@ -23,7 +23,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -36,6 +35,7 @@
 #include "messages.h"
 #include "network.h"
 #include "packets.h"
+#include "process.h"
 
 // Failures by appointment: so many allocations of a client's size fail; or all of them once so many have
 // succeeded (-1: none); and a system that is older than its option to take no descriptors.
@@ -118,13 +118,6 @@ bool failsAfter(int allocations, Work work) {
     }
     allocationsLeft = -1;
     return fails;
-}
-
-std::size_t openDescriptors() {
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        count += !entry.path().empty();
-    return count;
 }
 
 // A client that does what it is told, and no step more.
@@ -497,7 +490,7 @@ TEST_F(PacketServerTest, groupsOfAClientAreLimitedAndTheirSocketsClosed) {
     start();
     const auto client = attached();
     const auto asking = attached(kControl);
-    const std::size_t before = openDescriptors();
+    const int before = openDescriptors();
     const auto request = [&](NwCsMulticastOp op) {
         for (unsigned i = 0; i < 300; ++i) {
             client->group(op, 0xEF010000u + i);
@@ -682,7 +675,7 @@ TEST_F(PacketServerTest, theSameOnASystemThatCannotRefuseDescriptors) {
     start();
     theSystemRefusesDescriptors = true;
     const auto client = newClient();
-    const std::size_t before = openDescriptors();
+    const int before = openDescriptors();
     const SlowToClose connection;
     EXPECT_TRUE(give(client->requestFd, connection.fd));
     expectQuickTurns([this] { turns(); });
@@ -753,7 +746,7 @@ TEST(PacketServerLoop, eventOfADescriptorIsNotGivenToTheNextOneOfItsNumber) {
     }
 }
 
-TEST(PacketServerLog, pipeThatNobodyReadsLosesLinesAndTellsHowMany) {
+TEST(PacketServerLogLines, pipeThatNobodyReadsLosesLinesAndTellsHowMany) {
     char name[] = "/tmp/cvlogXXXXXX";
     const std::string path = std::string(::mkdtemp(name)) + "/pipe";
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
@@ -796,7 +789,7 @@ TEST_F(PacketServerTest, groupThatFindsNoMemoryIsNotWishedFor) {
         if (isWishedByAnother) other->group(NwCsMulticastJoin, group);
         const unsigned groupsBefore = state(*asking).groups;
         EXPECT_EQ(groupsBefore, isWishedByAnother ? 1u : 0u);
-        const std::size_t before = openDescriptors();
+        const int before = openDescriptors();
         int failures = 0;
         for (bool fails = true; fails;) {
             const auto client = attached();
