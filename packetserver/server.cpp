@@ -42,6 +42,11 @@ bool isLoopback(NwIpv4Addr address) {
     return address >> 24 == 127;
 }
 
+bool concernsAllClients(int request) {
+    return request == NwCsRequestTestClients || request == NwCsRequestPingClients ||
+           request == NwCsRequestClientStates;
+}
+
 }  // namespace
 
 // --- start and end ---------------------------------------------------------------------------------------
@@ -331,6 +336,8 @@ void Server::changeGroups(const NwCsMulticastReqMsg& request, const Sender& send
 }
 
 void Server::control(const NwCsControlReqMsg& request, const Sender& sender) {
+    // Before it is known who asks: who died behind a request is one of those that go.
+    if (concernsAllClients(request.request())) reap();
     Client* client = clientOf(request.clientId(), sender);
     if (client == nullptr) return;
     switch (request.request()) {
@@ -367,7 +374,6 @@ void Server::callAll(Client& asking, unsigned short request) {
         return warn(asking, "too many tests and pings of all clients");
     }
     --callsLeft_;
-    reap();
     if (request == NwCsRequestTestClients)
         tellAll(NwCsNoticeTest);
     else
@@ -432,7 +438,6 @@ void Server::sendState(Client& asking) {
 }
 
 void Server::sendClientStates(Client& asking) {
-    reap();
     const std::size_t answerBytes =
         clients_.size() * (sizeof(NwShmRecordHeader) + sizeof(NwCsCStateReturnRecord));
     if (answerBytes > asking.queueBytes()) {

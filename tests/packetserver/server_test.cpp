@@ -549,6 +549,19 @@ TEST_F(PacketServerTest, statesOfMoreClientsThanAQueueHoldsAreRefused) {
     EXPECT_EQ(clients[0]->message(), -1);
 }
 
+TEST_F(PacketServerTest, clientThatHasGoneBehindItsRequestIsNotAnswered) {
+    start();
+    const auto other = attached();
+    for (const NwCsControlRequest code :
+         {NwCsRequestTestClients, NwCsRequestPingClients, NwCsRequestClientStates, NwCsRequestState}) {
+        const auto client = attached();
+        client->request(code);
+        client->detachQueue();
+        turns();
+    }
+    EXPECT_EQ(state(*other).clients, 2u) << "the last one goes with the next tick";
+}
+
 TEST_F(PacketServerTest, nameOfAProgramSteersNoTerminal) {
     char own[16];
     ::prctl(PR_GET_NAME, own);
