@@ -455,6 +455,14 @@ TEST(Relay, twoHundredClientsLoseNothingWhileOneStallsAndOneSendsGarbage) {
     Relay relay({"--queue", "100"});
     TcpPeer sender = relay.join(1), stalled = relay.join(2, 4096);
     sendUntilDropped(relay, sender, pdu(5000), "too slow");  // and it stays so
+    // What is under way from here goes to whoever has come by then: the crowd comes when all of it is
+    // through.
+    sender.sendAll(pdu(60, 99));
+    std::string returned;
+    ASSERT_TRUE(eventually([&] {
+        returned += sender.receiveSome();
+        return returned.size() >= 60 && returned.compare(returned.size() - 60, 60, pdu(60, 99)) == 0;
+    }));
     Crowd crowd;
     for (int i = 0; i < 197; ++i) crowd.add(TcpPeer(relay.port()));
     TcpPeer garbage(relay.port());
