@@ -7,8 +7,7 @@
 //     `written` with acquire before it looks at a record. So a record that the reader looks at is whole.
 //
 //  2. Room. The reader copies a record out, then stores `read` with release; the writer loads `read` with
-//  acquire
-//     before it uses the room. So no record is overwritten while it is being copied.
+//     acquire before it uses the room. So no record is overwritten while it is being copied.
 //
 //  3. Waking. A reader that finds nothing says so in `attention` and looks once more before it sleeps; the
 //     writer publishes and then looks at `attention`. Stores and loads of different variables would not do:

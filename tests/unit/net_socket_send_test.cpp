@@ -125,8 +125,7 @@ private:
 
 }  // namespace
 
-// --- one datagram
-// --------------------------------------------------------------------------------------------
+// --- one datagram ----------------------------------------------------------------------------------------
 
 TEST_F(UdpSend, bytesArriveAsTheyAreInOneDatagram) {
     std::string all;
@@ -234,8 +233,7 @@ TEST_F(UdpSend, lengthsBeyondAnIntReachTheKernelUncut) {
     }
 }
 
-// --- ports
-// ---------------------------------------------------------------------------------------------------
+// --- ports -----------------------------------------------------------------------------------------------
 
 TEST_F(UdpSend, sendPortReplacesThePortUntilItIsMinusOne) {
     UdpPeer other;
@@ -294,8 +292,7 @@ TEST_F(UdpSend, bundlesGoToThePortThatHoldsWhenTheyLeave) {
     EXPECT_EQ(other.receive(), "abc");
 }
 
-// --- failures without retries
-// --------------------------------------------------------------------------------
+// --- failures without retries ----------------------------------------------------------------------------
 
 TEST_F(UdpSend, failureIsReportedAtOnceAndNotRetriedByDefault) {
     failNext(1, ENOBUFS);
@@ -370,8 +367,7 @@ TEST_F(UdpSend, failedBundleStaysAndLeavesWithTheNextFlush) {
     EXPECT_EQ(peer.receive(), "abcdefab");
 }
 
-// --- retries
-// -------------------------------------------------------------------------------------------------
+// --- retries ---------------------------------------------------------------------------------------------
 
 TEST_F(UdpSend, sendThatKeepsFailingIsTriedOnceAndThenAsOftenAsSet) {
     NwNetSocket::setRetryOnSend(3, 0.01);
@@ -562,8 +558,7 @@ TEST_F(UdpSend, retryIsNotAskedWithoutFailureOrWithoutRetries) {
     EXPECT_EQ(recorder.calls, 0);
 }
 
-// --- bundling in both directions
-// -----------------------------------------------------------------------------
+// --- bundling in both directions -------------------------------------------------------------------------
 
 namespace {
 

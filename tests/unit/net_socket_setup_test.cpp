@@ -196,8 +196,7 @@ protected:
 
 }  // namespace
 
-// --- fields
-// --------------------------------------------------------------------------------------------------
+// --- fields ----------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, everyFieldStartsAsDocumented) {
     Probe socket(port, 0x7F000002u, mode(kBothSides), kLoopback);
@@ -298,8 +297,7 @@ TEST_F(UdpSetup, largestPacketBeyondMemoryIsAFailureAndNoException) {
     EXPECT_EQ(aborted.signal, SIGABRT);
 }
 
-// --- modes
-// ---------------------------------------------------------------------------------------------------
+// --- modes -----------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -454,8 +452,7 @@ TEST_F(UdpSetup, unicastDatagramReachesJustOneOfTwoOnThePort) {
     }
 }
 
-// --- failures
-// ------------------------------------------------------------------------------------------------
+// --- failures --------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, bindToAForeignAddressFails) {
     Probe socket(port, kNobodysAddress, mode(9), kLoopback);
@@ -594,8 +591,7 @@ TEST_F(UdpSetup, noDescriptorWhileQuietShowsTheReversedReport) {
     EXPECT_EQ(messages.all(), "");
 }
 
-// --- the default: a failure ends the process
-// -----------------------------------------------------------------
+// --- the default: a failure ends the process -------------------------------------------------------------
 
 namespace {
 
@@ -659,8 +655,7 @@ TEST_F(UdpAbort, successGoesOn) {
     EXPECT_EQ(child.output, "");
 }
 
-// --- a host that can broadcast
-// -------------------------------------------------------------------------------
+// --- a host that can broadcast ---------------------------------------------------------------------------
 
 namespace {
 
@@ -740,8 +735,7 @@ TEST_F(UdpOnANetwork, adoptedDescriptorSendsToItsSubnetByTheDefaultInterfacesMas
     });
 }
 
-// --- groups
-// --------------------------------------------------------------------------------------------------
+// --- groups ----------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, readingAGroupJoinsIt) {
     Probe socket(port, kGroup, mode(1), kLoopback);
@@ -791,8 +785,7 @@ TEST_F(UdpSetup, failedBindJoinsNothing) {
     EXPECT_FALSE(socket.isOk());
 }
 
-// --- adopted descriptors
-// -------------------------------------------------------------------------------------
+// --- adopted descriptors ---------------------------------------------------------------------------------
 
 namespace {
 
@@ -985,8 +978,7 @@ TEST_F(UdpAdopted, unixDescriptorCountsAsAddressAndPortZero) {
     ::rmdir(directory);
 }
 
-// --- the end
-// -------------------------------------------------------------------------------------------------
+// --- the end ---------------------------------------------------------------------------------------------
 
 TEST_F(UdpSetup, destructionSendsWhatWaitsThenCloses) {
     UdpPeer peer(kLoopback, port);
@@ -1039,8 +1031,7 @@ TEST_F(UdpSetup, cannotBeCopied) {
     static_assert(!std::is_copy_assignable<NwNetSocket>::value, "it owns a descriptor");
 }
 
-// --- operations on any descriptor
-// ----------------------------------------------------------------------------
+// --- operations on any descriptor ------------------------------------------------------------------------
 
 TEST_F(UdpSetup, makeReusableSetsBothOptions) {
     const Descriptor fd(::socket(AF_INET, SOCK_DGRAM, 0));

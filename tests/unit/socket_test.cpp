@@ -474,8 +474,7 @@ TYPED_TEST(Bundling, everyByteLeavesOnceAndInOrder) {
     this->expectSent(expected);
 }
 
-// --- the same two: failing
-// -----------------------------------------------------------------------------------
+// --- the same two: failing -------------------------------------------------------------------------------
 
 TYPED_TEST(Bundling, failureOfTheFirstKeepsEverything) {
     REQUIRE_BREAKABLE_NETWORK();
@@ -583,8 +582,7 @@ TYPED_TEST(Bundling, negativeSizeNeverFlushesWhatAFailureLeft) {
     EXPECT_EQ(this->pending(kFragile), bytes(10, 'a'));
 }
 
-// --- UDP only
-// ------------------------------------------------------------------------------------------------
+// --- UDP only --------------------------------------------------------------------------------------------
 
 TEST(BundlingOverUdp, bundleTooLargeForADatagramIsReportedAndKept) {
     PacketSize large(100000);
@@ -613,8 +611,7 @@ TEST(BundlingOverUdp, packetTooLargeForADatagramIsReportedByTheTransport) {
     EXPECT_EQ(wire.take(1), (Traffic{{kNear, bytes(65507, 'a')}}));
 }
 
-// --- what a transport answers
-// --------------------------------------------------------------------------------
+// --- what a transport answers ----------------------------------------------------------------------------
 
 TEST(NwSend, withBundlingOffReturnsExactlyWhatSendToReturns) {
     Recorder socket;
@@ -739,8 +736,7 @@ TEST(Flush, printsNothingItself) {
     EXPECT_EQ(messages.all(), "");
 }
 
-// --- through the virtual table
-// -------------------------------------------------------------------------------
+// --- through the virtual table ---------------------------------------------------------------------------
 
 namespace {
 
@@ -846,8 +842,7 @@ TEST(VirtualCalls, nothingIsFlushedWhileThePacketFitsOrItsBundleIsEmpty) {
     EXPECT_EQ(socket.log, Log());
 }
 
-// --- a transport that calls back
-// -----------------------------------------------------------------------------
+// --- a transport that calls back -------------------------------------------------------------------------
 
 TEST(Reentrancy, packetsForOtherDestinationsAreKeptOrLeaveWithTheSameFlush) {
     Recorder socket;
@@ -884,8 +879,7 @@ TEST(Reentrancy, manyNewDestinationsDuringAFlushLeaveInOrder) {
     for (std::size_t i = 0; i < traffic.size(); ++i) EXPECT_EQ(traffic[i].to, i + 1);
 }
 
-// --- memory
-// --------------------------------------------------------------------------------------------------
+// --- memory ----------------------------------------------------------------------------------------------
 
 TEST(BundleMemory, isReservedOnceToTheLargestPacketAndKeptByClearing) {
     Recorder socket;
@@ -968,8 +962,7 @@ TEST(BundleMemory, moreThanMemoryHoldsIsAFailureAndNoException) {
     EXPECT_EQ(child.exitStatus, 0) << child.output;
 }
 
-// --- lengths beyond all bounds
-// ---------------------------------------------------------------------------------
+// --- lengths beyond all bounds ---------------------------------------------------------------------------
 
 TEST(HugePackets, neverGoIntoABundle) {
     for (unsigned long length :
@@ -1009,8 +1002,7 @@ TEST(HugePackets, sumsWithTheBundleDoNotWrap) {
     }
 }
 
-// --- life
-// ------------------------------------------------------------------------------------------------------
+// --- life ------------------------------------------------------------------------------------------------
 
 TEST(BaseSocket, fieldsStartAsDocumented) {
     Recorder socket;
@@ -1097,8 +1089,7 @@ TEST(BaseSocket, filterAccessorsLendTheFields) {
     EXPECT_EQ(&socket.ipAddr(), &socket.ipAddrTest);
 }
 
-// --- kernel buffers
-// ----------------------------------------------------------------------------------------------
+// --- kernel buffers --------------------------------------------------------------------------------------
 
 namespace {
 
@@ -1169,8 +1160,7 @@ TEST(KernelBuffers, udpSocketsSetThoseOfTheirOpenSides) {
     EXPECT_EQ(reader.setSendBufferSize(20000), -1);
 }
 
-// --- header filters
-// ----------------------------------------------------------------------------------------------
+// --- header filters --------------------------------------------------------------------------------------
 
 namespace {
 
@@ -1295,8 +1285,7 @@ TEST(Accept, readsThreeBytesOfThePacketAndChangesNone) {
     EXPECT_EQ(std::memcmp(header.get(), theHeader, 3), 0);
 }
 
-// --- header filters on real datagrams
-// ------------------------------------------------------------------------------
+// --- header filters on real datagrams --------------------------------------------------------------------
 //
 // The UDP socket itself and a class derived from it must answer alike.
 

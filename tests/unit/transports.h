@@ -6,9 +6,8 @@
 //         static const Differences& is();     // its row
 //         NwSocket& out();                    // a socket that sends, made when first asked for
 //         NwSocket& in();                     // a non-blocking socket that receives
-//         std::string wire(std::size_t);      // the next datagram (or message) that left out(); waits for
-//         it.
-//                                             // A stream, which has none, gives its next so many bytes
+//         std::string wire(std::size_t);      // the next datagram (or message) that left out(), which it
+//                                             // waits for. A stream, which has none, gives so many bytes
 //         bool wireIsEmpty();                 // whether nothing more left it
 //         void feed(const std::string&);      // one datagram for in(), there to be received on return
 //         void close();                       // destroys out()
