@@ -68,6 +68,12 @@ std::string defaultDirectory() {
     return NwPacketServerOwnDirectory(own) ? own : "";
 }
 
+/// What defaultDirectory() tries last, for who reads that it failed.
+std::string usualDirectory() {
+    return ::geteuid() == 0 ? "/run/cvpacketserver"
+                            : fmt::format("/tmp/cvpacketserver-{}", static_cast<unsigned>(::geteuid()));
+}
+
 class Daemon {
 public:
     explicit Daemon(Options options)
@@ -113,7 +119,10 @@ private:
         }
         if (options_.server.directory.empty()) options_.server.directory = defaultDirectory();
         if (options_.server.directory.empty())
-            return fail(fmt::format("no directory for request sockets: {}", std::strerror(errno)));
+            return fail(fmt::format(
+                "no directory for request sockets: {}: {}", usualDirectory(),
+                errno == EPERM ? "not a directory of this user's that nobody else may enter (mode 0700)"
+                               : std::strerror(errno)));
         raiseDescriptorLimit();
         NwSocket::setQuietSockets(true);  // problems are logged here, and once
         NwNetSocket::initErrorAction = 1;

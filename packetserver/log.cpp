@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,13 +61,21 @@ bool Log::write(const char* line, std::size_t length) const {
     std::size_t done = 0;
     while (done < length) {
         pollfd room{fd, POLLOUT, 0};
-        if (::poll(&room, 1, 0) == 0) return false;
+        if (::poll(&room, 1, 0) == 0) break;
         const ssize_t written = ::write(fd, line + done, length - done);
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
+        if (written <= 0) break;
         done += static_cast<std::size_t>(written);
     }
-    return true;
+    if (done < length) takeBack(done);
+    return done == length;
+}
+
+// The log's own file holds whole lines, also when its disk is full.
+void Log::takeBack(std::size_t bytes) const {
+    struct stat status {};
+    if (bytes == 0 || fileFd_ < 0 || ::fstat(fileFd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
+    [[maybe_unused]] const int result = ::ftruncate(fileFd_, status.st_size - static_cast<off_t>(bytes));
 }
 
 }  // namespace packetserver

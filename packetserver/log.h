@@ -32,6 +32,7 @@ public:
 private:
     void put(const nlohmann::json& fields, const std::string& words);
     bool write(const char* line, std::size_t length) const;
+    void takeBack(std::size_t bytes) const;
 
     const bool isJson_;
     const std::string file_;

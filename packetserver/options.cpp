@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <pwd.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include <fmt/format.h>
@@ -107,24 +108,31 @@ void declare(CLI::App& app, Options& options, Words& words) {
         ->transform(CLI::AsSizeValue(false))
         ->check(CLI::Range(leastQueueBytes, mostQueueBytes));
     app.add_flag("--internal", server.isInternal,
-                 "start in internal mode: packets of other hosts are dropped");
+                 "start in internal mode: packets that do not come from 127/8 are dropped");
     app.add_flag("--no-unbundle", words.keepsBundles,
                  "hand datagrams over whole unless a client wishes otherwise");
-    app.add_option(
-        "--run-dir", server.directory,
-        "directory of the request sockets (/run/cvpacketserver for root and services, else one of the "
-        "user's own in /tmp)");
+    app.add_option("--run-dir", server.directory,
+                   "directory of the request sockets (/run/cvpacketserver for root, else one of the user's "
+                   "own in /tmp; a "
+                   "service's RuntimeDirectory=, where clients look only if it is that of root)");
     app.add_option("--allow-user", words.users,
                    "user who may attach besides the server's own and root; repeatable");
     app.add_option("--allow-group", words.userGroups, "group whose members may attach; repeatable");
     app.add_flag("--allow-all", server.permissions.everybody, "everybody may attach");
     app.add_flag("--allow-control", server.permissions.control,
-                 "whoever may attach may stop the server and switch its mode");
-    app.add_option("--stats", options.statisticsSeconds, "log statistics every so many seconds (never)")
+                 "whoever may attach may stop the server, switch its mode and its unbundling");
+    app.add_option("--stats", options.statisticsSeconds,
+                   "log statistics every so many seconds, and at the end (at the end alone)")
         ->check(CLI::Range(1U, 86400U));
     app.add_flag("--json", options.isJson, "log JSON lines, on standard output");
     app.add_option("--log", options.logFile,
                    "log to this file instead; SIGHUP opens it anew (without it SIGHUP stops the server)");
+}
+
+void refuseDoubles(std::vector<int> ports) {
+    std::sort(ports.begin(), ports.end());
+    const auto twice = std::adjacent_find(ports.begin(), ports.end());
+    if (twice != ports.end()) throw CLI::ValidationError(fmt::format("--port: {} is given twice", *twice));
 }
 
 void convert(const Words& words, ServerSettings& server) {
@@ -151,6 +159,7 @@ std::optional<Options> readOptions(int argc, char** argv, int* status) {
     declare(app, options, words);
     try {
         app.parse(argc, argv);
+        refuseDoubles(options.ports);
         convert(words, options.server);
     } catch (const CLI::Success& done) {
         *status = app.exit(done);

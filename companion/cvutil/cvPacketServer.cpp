@@ -96,12 +96,22 @@ bool connectTo(int fd, const char* path) {
            ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-bool someoneListensAt(const char* path) {
+enum class Listener { none, forbidden, present };
+
+// Forbidden: there is a socket that this user may not send to, whoever is behind it.
+Listener listenerAt(const char* path) {
     const int error = errno;
     const Descriptor socket(openDatagramSocket());
     const bool listens = socket.get() >= 0 && connectTo(socket.get(), path);
+    const Listener listener = listens           ? Listener::present
+                              : errno == EACCES ? Listener::forbidden
+                                                : Listener::none;
     errno = error;
-    return listens;
+    return listener;
+}
+
+bool someoneListensAt(const char* path) {
+    return listenerAt(path) == Listener::present;
 }
 
 // Names of files are built in place: nothing here takes memory that may have ended.
@@ -145,10 +155,13 @@ char* NwPacketServerRequestPath(unsigned int port, char* path, int version) {
     const Path set = directorySet();
     const bool isSet = set.text[0] != '\0';
     NwPacketServerPathIn(isSet ? set.text : kSystemDirectory, port, path, version);
-    if (!isSet && !someoneListensAt(path)) {
-        const Path own = ownDirectory();
-        if (isPrivate(own.text)) NwPacketServerPathIn(own.text, port, path, version);
-    }
+    const Listener listener = isSet ? Listener::present : listenerAt(path);
+    const Path own = ownDirectory();
+    Path ownPath;
+    if (listener != Listener::present && isPrivate(own.text) &&
+        NwPacketServerPathIn(own.text, port, ownPath.text, version) &&
+        (listener == Listener::none || someoneListensAt(ownPath.text)))
+        std::memcpy(path, ownPath.text, sizeof ownPath.text);
     errno = error;
     return path;
 }

@@ -37,7 +37,9 @@ enum { NwPacketServerVersion = 3, NwPacketServerOldVersion = 2, NwPacketServerPa
 NWUTIL_API int NwPacketServerIsAlive(int port);
 
 // Writes the path of the server for a port and message version to `path`, NwPacketServerPathSize bytes, and
-// returns `path`. It always fits. Nobody need be listening there.
+// returns `path`. A system-wide server that does not let this user attach is the server, unless the user has
+// one of the own: who asks learns of it (EACCES), though NwPacketServerIsAlive() says 0. It always fits.
+// Nobody need be listening there.
 NWUTIL_API char* NwPacketServerRequestPath(unsigned int port, char* path, int version);
 
 // The same in a directory of the caller's choice: where a server is going to listen. Null, `path` untouched,

@@ -57,6 +57,7 @@ TEST(PacketServerCommandLine, usageErrorsAreOneLineAndStatus2) {
                                 {"--port", "0"},
                                 {"--port", "65536"},
                                 {"--port", "x"},
+                                {"--port", "3000", "--port", "3001", "--port", "3000"},
                                 {"--port", "3000", "--nonsense"},
                                 {"--port", "3000", "stray"},
                                 {"--port", "3000", "--clients", "0"},
@@ -135,6 +136,21 @@ TEST(PacketServerStart, directoryThatIsNotThereOrTooLong) {
     expectFailure({"--port", port, "--run-dir", "/tmp/nosuchdirectory"},
                   "cannot open /tmp/nosuchdirectory/" + port);
     expectFailure({"--port", port, "--run-dir", "/tmp/" + std::string(100, 'x')}, "too long");
+}
+
+TEST(PacketServerStart, descriptorsThatAreClosedAreNobodyElses) {
+    const RunDirectory directory;
+    DaemonProcess server({"--port", std::to_string(freePort()), "--run-dir", directory.path()},
+                         [] { ::close_range(0, 2, 0); });
+    ASSERT_TRUE(eventually([&] { return directory.names().size() == 2; })) << "lock and request path";
+    for (const std::string& name : directory.names()) {
+        struct stat status {};
+        EXPECT_EQ(::stat(directory.file(name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_size, 0) << "the log went into " << name;
+    }
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.finish().exitStatus, 0);
+    EXPECT_THAT(directory.names(), testing::IsEmpty());
 }
 
 TEST(PacketServerStart, logFileThatCannotBeOpened) {

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -28,6 +29,7 @@
 #include <memory>
 #include <new>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -784,6 +786,29 @@ TEST(PacketServerLogLines, pipeThatNobodyReadsLosesLinesAndTellsHowMany) {
     EXPECT_EQ(text, "{\"event\":\"lines lost\",\"lines\":" + std::to_string(events - written) +
                         "}\n{\"event\":\"after\"}\n");
     ::close(reader);
+    ::unlink(path.c_str());
+    ::rmdir(name);
+}
+
+TEST(PacketServerLogLines, fullDiskKeepsWholeLines) {
+    char name[] = "/tmp/cvlogXXXXXX";
+    const std::string path = std::string(::mkdtemp(name)) + "/log";
+    Log log(true, path);
+    ASSERT_TRUE(log.open());
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit full{30, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+    for (int i = 0; i < 3; ++i) log.event({{"event", "line"}, {"n", i}}, "");  // 23 bytes each
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    log.event({{"event", "after"}}, "");
+    std::ifstream file(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    EXPECT_EQ(text.str(),
+              "{\"event\":\"line\",\"n\":0}\n{\"event\":\"lines lost\",\"lines\":2}\n"
+              "{\"event\":\"after\"}\n");
     ::unlink(path.c_str());
     ::rmdir(name);
 }

@@ -235,6 +235,26 @@ TEST(PacketServerDirectories, theSystemsComesFirstIfSomebodyListensThere) {
     if (!isPossible) GTEST_SKIP() << "no mount namespace here";
 }
 
+TEST(PacketServerDirectories, theSystemsThatForbidsThisUserIsNotPassedOver) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    const bool isPossible = withEmptySystem([] {
+        ::chmod("/tmp", 01777);
+        ::mkdir("/run/cvpacketserver", 0755);
+        const std::string systemPath = "/run/cvpacketserver/" + nameOf(3000, 3);
+        Fd systems(NwOpenUnixDgram(systemPath.c_str(), 0, "systems"));
+        ::chmod(systemPath.c_str(), 0600);
+        ASSERT_EQ(::setuid(12345), 0);
+        ::prctl(PR_SET_DUMPABLE, 1);  // so that it may look into its own /proc
+        ::mkdir(ownDirectory().c_str(), 0700);
+        EXPECT_EQ(requestPath(3000, 3), systemPath);
+        EXPECT_EQ(NwPacketServerIsAlive(3000), 0) << "not for this user";
+        const std::string ownPath = ownDirectory() + "/" + nameOf(3000, 3);
+        Fd own(NwOpenUnixDgram(ownPath.c_str(), 0, "own"));
+        EXPECT_EQ(requestPath(3000, 3), ownPath);
+    });
+    if (!isPossible) GTEST_SKIP() << "no mount namespace here";
+}
+
 TEST(PacketServerDirectories, anOwnOneThatOthersMayEnterDoesNotCount) {
     const bool isPossible = withEmptySystem([] {
         const std::string systemPath = "/run/cvpacketserver/" + nameOf(3000, 3);
