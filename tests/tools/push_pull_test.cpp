@@ -888,7 +888,7 @@ TEST_F(PushPull, argumentsThatMakeNoSenseAreUsageErrors) {
         {{"pull", "--dir", "."}, "--port is required"},
         {{"pull", "--dir", ".", "--port", "65536"}, "--port: Value 65536 not in range"},
         {{"pull", "--dir", ".", "--port", "0", "--search", "0"}, "--search: Value 0 not in range"},
-        {{"pull", "--dir", ".", "--port", "0", "--once", "0"}, "--once: "},
+        {{"pull", "--dir", ".", "--port", "0", "--once", "0"}, "--once: 0 is no whole number from 1 on"},
         {{"pull", "--dir", ".", "--port", "0", "--stall", "x"}, "--stall"},
         {{"pull", "--dir", ".", "--port", "0", "file"}, "file"},
     };

@@ -81,6 +81,7 @@ TEST_F(Transports, asyncReceiverDeliversFiltersAndCounts) {
     EXPECT_EQ(totals["datagramsRead"], 2);
     EXPECT_TRUE(totals["mixedBundles"].is_null()) << "an application is not told of these";
     EXPECT_EQ(totals["sources"][0]["source"], "127.0.0.1");
+    EXPECT_EQ(totals["sources"][0]["port"], nullptr) << "which an asynchronous socket does not tell";
 }
 
 TEST_F(Transports, asyncReceiverEndsWithTotalsOnASignal) {

@@ -84,6 +84,19 @@ CLI::Validator range(double least, double most) {
     return CLI::Range(least, most).description("");
 }
 
+CLI::Validator wholeNumberFrom(unsigned least) {
+    return CLI::Validator(
+        [least](const std::string& text) {
+            const std::size_t mostDigits = 18;  // of any 64-bit number
+            const bool isNumber = !text.empty() && text.size() <= mostDigits &&
+                                  text.find_first_not_of("0123456789") == std::string::npos;
+            return isNumber && std::stoull(text) >= least
+                       ? std::string()
+                       : fmt::format("{} is no whole number from {} on", printable(text), least);
+        },
+        "");
+}
+
 void ReportOptions::declare(CLI::App& app) {
     app.add_flag("--json", json, "Print JSON lines");
     app.add_flag("--quiet", quiet, "Print the totals only");
@@ -91,7 +104,7 @@ void ReportOptions::declare(CLI::App& app) {
 
 void LimitOptions::declare(CLI::App& app, const char* whatIsCounted) {
     app.add_option("--count", count, fmt::format("Stop after N {}", whatIsCounted))
-        ->check(CLI::NonNegativeNumber)
+        ->check(wholeNumberFrom(0))
         ->type_name("N");
     app.add_option("--seconds", seconds, "Stop after S seconds")->type_name("S");
 }

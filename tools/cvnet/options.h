@@ -110,6 +110,8 @@ void applyFilter(NwFilterTest& test, FilterValues& values);
 /// A bounds check whose bounds --help does not spell out.
 CLI::Validator range(int least, int most);
 CLI::Validator range(double least, double most);
+/// `least` or more, without an end.
+CLI::Validator wholeNumberFrom(unsigned least);
 
 /// For options without a check of their own. Throws UsageFailure.
 void checkRange(const char* option, double value, double least, double most);

@@ -388,9 +388,7 @@ void PullCommand::addOptions(CLI::App& app) {
     app.add_option("--search", options_.searchedPorts, "Take the first free port of P to P+N-1")
         ->check(range(1, kMaxPort + 1))
         ->type_name("N");
-    app.add_option("--once", options_.files, "Stop after N files")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
+    app.add_option("--once", options_.files, "Stop after N files")->check(wholeNumberFrom(1))->type_name("N");
     options_.stall.declare(app, "Drop a connection when no message has come for S seconds");
     options_.report.declare(app);
     app.footer(

@@ -539,15 +539,17 @@ std::string Receiver::oddText(const PduView& packet) const {
 }
 
 std::string Receiver::jsonOf(const PduView& packet) const {
-    nlohmann::ordered_json json = {{"event", "pdu"},
-                                   {"time", secondsSince1970(counts_.arrival)},
-                                   {"source", addressText(socket_->lastSourceInetAddr())},
-                                   {"port", counts_.sourcePort},
-                                   {"version", packet.version()},
-                                   {"exercise", packet.exercise()},
-                                   {"type", packet.type()},
-                                   {"typeName", pduTypeName(packet.type())},
-                                   {"length", packet.lengthBytes()}};
+    nlohmann::ordered_json json = {
+        {"event", "pdu"},
+        {"time", secondsSince1970(counts_.arrival)},
+        {"source", addressText(socket_->lastSourceInetAddr())},
+        {"port", counts_.sourcePort != 0 ? nlohmann::ordered_json(counts_.sourcePort)
+                                         : nlohmann::ordered_json(nullptr)},
+        {"version", packet.version()},
+        {"exercise", packet.exercise()},
+        {"type", packet.type()},
+        {"typeName", pduTypeName(packet.type())},
+        {"length", packet.lengthBytes()}};
     if (const auto id = packet.entity()) {
         json["entity"] = {{"site", id->site}, {"application", id->application}, {"entity", id->entity}};
     }

@@ -605,7 +605,7 @@ void SendCommand::addOptions(CLI::App& app) {
         ->excludes(speed)
         ->excludes(rate);
     app.add_option("--loop", options_.loop, "Play the capture N times, 0 until stopped (default 1)")
-        ->check(CLI::NonNegativeNumber)
+        ->check(wholeNumberFrom(0))
         ->type_name("N")
         ->needs(pcap);
     CLI::Option* to =

@@ -24,8 +24,6 @@ constexpr Notice kNotices[] = {
     {NwCsNoticeExternal, "external", "takes packets of other hosts too from now on"},
     {NwCsNoticeInternal, "internal", "keeps packets on this host from now on"},
     {NwCsNoticeTest, "test", "tests its clients"},
-    {NwCsNoticeUnbundlingOn, "unbundlingOn", "takes datagrams apart for clients that come from now on"},
-    {NwCsNoticeUnbundlingOff, "unbundlingOff", "hands datagrams over whole to clients that come from now on"},
 };
 
 }  // namespace

@@ -143,7 +143,8 @@ nlohmann::ordered_json Tally::exercisesJson() const {
 nlohmann::ordered_json Tally::sourcesJson() const {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const auto& [source, count] : sources_) {
-        nlohmann::ordered_json entry = {{"source", addressText(source.first)}, {"port", source.second}};
+        nlohmann::ordered_json entry = {{"source", addressText(source.first)}, {"port", nullptr}};
+        if (source.second != 0) entry["port"] = source.second;  // else nobody could tell
         putCounts(entry, count);
         list.push_back(entry);
     }
