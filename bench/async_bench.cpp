@@ -48,13 +48,6 @@ std::unique_ptr<Socket> openSender(int port) {
 
 // --- what a call costs its caller ------------------------------------------------------------------------
 
-void tell(Report& report, const std::string& name, std::vector<double>& nanoseconds) {
-    report.figures(name, "ns",
-                   {{"median", percentile(nanoseconds, 0.5)},
-                    {"99%", percentile(nanoseconds, 0.99)},
-                    {"99.9%", percentile(nanoseconds, 0.999)}});
-}
-
 // Idle: between two calls there is time for everything else to be done. Saturated: there is none.
 template <class Socket>
 void sendCost(Report& report, const std::string& name, int calls, bool saturated) {
@@ -70,7 +63,7 @@ void sendCost(Report& report, const std::string& name, int calls, bool saturated
         if (socket->sendTo(pdu, kPduBytes, 0) != kPduBytes) fail("a send failed");
         nanoseconds.push_back(1e9 * (seconds(CLOCK_MONOTONIC) - start));
     }
-    tell(report, name, nanoseconds);
+    report.latencies(name, nanoseconds);
 }
 
 // Feeds a port from another thread, as fast as it can or a packet now and then.
@@ -113,8 +106,8 @@ void receiveCost(Report& report, const std::string& name, int calls, bool satura
         const double cost = 1e9 * (seconds(CLOCK_MONOTONIC) - start);
         (length > 0 ? withPacket : without).push_back(cost);
     }
-    tell(report, name + ", a packet", withPacket);
-    tell(report, name + ", nothing there", without);
+    report.latencies(name + ", a packet", withPacket);
+    report.latencies(name + ", nothing there", without);
 }
 
 void callerCosts(Report& report, bool quick) {
@@ -124,7 +117,7 @@ void callerCosts(Report& report, bool quick) {
         const double start = seconds(CLOCK_MONOTONIC);
         nothing.push_back(1e9 * (seconds(CLOCK_MONOTONIC) - start));
     }
-    tell(report, "the clock itself", nothing);
+    report.latencies("the clock itself", nothing);
     for (const bool saturated : {false, true}) {
         const int calls = quick ? 100 : saturated ? 100000 : 5000;
         const std::string load = saturated ? ", saturated" : ", idle";

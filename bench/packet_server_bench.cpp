@@ -403,13 +403,6 @@ void pingPong(Way& there, Way& back, bool waits, int count, std::vector<double>&
     echo.join();
 }
 
-void tell(Report& report, const std::string& name, std::vector<double>& nanoseconds) {
-    report.figures(name, "ns",
-                   {{"median", percentile(nanoseconds, 0.5)},
-                    {"99%", percentile(nanoseconds, 0.99)},
-                    {"99.9%", percentile(nanoseconds, 0.999)}});
-}
-
 void thereAndBack(Report& report, int pairs, int count) {
     report.heading("queues there and back between two threads, one message under way");
     for (const bool waits : {true, false}) {
@@ -424,8 +417,8 @@ void thereAndBack(Report& report, int pairs, int count) {
             pingPong(there, back, waits, count, library);
             pingPong(bareThere, bareBack, waits, count, bare);
         }
-        tell(report, name + ", bare ring and futex", bare);
-        tell(report, name + ", library", library);
+        report.latencies(name + ", bare ring and futex", bare);
+        report.latencies(name + ", library", library);
     }
 }
 

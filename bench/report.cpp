@@ -94,6 +94,13 @@ void Report::figures(const std::string& name, const std::string& unit, const std
     write(name, unit, values, "", "");
 }
 
+void Report::latencies(const std::string& name, std::vector<double>& nanoseconds) {
+    figures(name, "ns",
+            {{"median", percentile(nanoseconds, 0.5)},
+             {"99%", percentile(nanoseconds, 0.99)},
+             {"99.9%", percentile(nanoseconds, 0.999)}});
+}
+
 void Report::limited(const std::string& name, const std::string& unit, const std::vector<Figure>& values,
                      double atMost) {
     bool isReached = true;

@@ -45,6 +45,8 @@ public:
     // The same where the largest of them must not be above `atMost`.
     void limited(const std::string& name, const std::string& unit, const std::vector<Figure>& values,
                  double atMost);
+    // One line of how long single calls or round trips took: median, 99th and 99.9th percentile.
+    void latencies(const std::string& name, std::vector<double>& nanoseconds);
     bool wants(const std::string& name) const { return name.find(myOptions.only) != std::string::npos; }
     // The last line, and the file. A missed floor is told, not turned into a failure.
     void finish();

@@ -197,13 +197,6 @@ void pingPong(TcpPair& pair, PduSource& source, Waiting waiting, int count,
     echo.join();
 }
 
-void tell(Report& report, const std::string& name, std::vector<double>& nanoseconds) {
-    report.figures(name, "ns",
-                   {{"median", percentile(nanoseconds, 0.5)},
-                    {"99%", percentile(nanoseconds, 0.99)},
-                    {"99.9%", percentile(nanoseconds, 0.999)}});
-}
-
 void thereAndBack(Report& report, int pairs, int count) {
     report.heading("there and back between two threads, one packet under way");
     for (const Waiting waiting : {Waiting::inPoll, Waiting::byAsking}) {
@@ -218,8 +211,8 @@ void thereAndBack(Report& report, int pairs, int count) {
             pingPong<LibraryEnd>(pair, source, waiting, count, library);
             pingPong<BareEnd>(pair, source, waiting, count, bare);
         }
-        tell(report, name + ", bare", bare);
-        tell(report, name + ", library", library);
+        report.latencies(name + ", bare", bare);
+        report.latencies(name + ", library", library);
     }
 }
 
