@@ -194,12 +194,14 @@ report "$wanted" || fail 'the counts by type differ'
 refused=$((recorded_pdus - wanted_pdus))
 check_totals $wanted_pdus $refused
 printf '   refused by the socket'\''s filter tests: %s PDUs of other types\n\n' "$refused"
+
 # Both let the last type through and the capture ends with it: then each has refused all it ever will.
 first_filter='Entity State,Attribute'
 second_filter='!Entity State'
 printf "%s3. Two receivers on one unicast port, through the packet server%s\n" "$bold" "$plain"
 printf "   cvnet recv --server --type '%s'\n   cvnet recv --server --type '%s'\n\n" "$first_filter" "$second_filter"
 mkdir "$work/run"  # the port is that of the last receiver, free again
+: >"$work/server"
 "$cvpacketserver" --port "$port" --internal --run-dir "$work/run" >"$work/server" 2>&1 &
 server=$!
 others+=("$server")
