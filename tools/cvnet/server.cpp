@@ -136,7 +136,7 @@ public:
             "clients   who is attached, with filters, and what was delivered and dropped\n"
             "ping      pings every client; those that died are let go of\n"
             "test      sends every client a test message, which it prints\n"
-            "internal  packets of other hosts are dropped from now on; external: taken again\n"
+            "internal  packets that do not come from 127/8 are dropped from now on; external: taken again\n"
             "unbundle  on|off: whether later clients get datagrams taken apart\n"
             "stop      ends the server in order\n\n"
             "Example:\n  cvnet server clients --port 3000");
